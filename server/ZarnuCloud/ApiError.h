@@ -1,0 +1,43 @@
+#pragma once
+// Errors the cloud API answers with. An ApiError carries this system's numeric error
+// code, the HTTP status that goes with it and a message that is safe to show a client
+// (it never contains a token or a password).
+
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace zarnu::cloud {
+
+enum class ErrorCode : int {
+    Internal = 1,
+    BadInput = 55,
+    PartsMissing = 162,
+    PartInvalid = 169,
+    FileInTheWay = 172,
+    NotFound = 174,
+    TooLarge = 175,
+    NotLoggedIn = 177,
+    IsFolder = 181,
+    BadLogin = 191,
+};
+
+/// HTTP status that normally goes with an error code.
+int httpStatusFor(ErrorCode code);
+
+class ApiError : public std::runtime_error {
+public:
+    ApiError(ErrorCode code, const std::string& message, int httpStatus = 0);
+
+    ErrorCode code() const { return code_; }
+    int httpStatus() const { return status_; }
+
+    /// Fingerprints the account lacks (only for ErrorCode::PartsMissing).
+    std::vector<std::string> missing;
+
+private:
+    ErrorCode code_;
+    int status_;
+};
+
+}  // namespace zarnu::cloud

@@ -1,0 +1,48 @@
+#include "Fingerprint.h"
+
+#include <openssl/evp.h>
+
+#include <stdexcept>
+
+namespace zarnu::cloud {
+
+namespace {
+
+void appendHex(std::string& out, const unsigned char* data, unsigned len) {
+    static const char* digits = "0123456789abcdef";
+    for (unsigned i = 0; i < len; ++i) {
+        out += digits[data[i] >> 4];
+        out += digits[data[i] & 0x0F];
+    }
+}
+
+void appendDigest(std::string& out, const EVP_MD* md, std::string_view bytes) {
+    unsigned char digest[EVP_MAX_MD_SIZE];
+    unsigned len = 0;
+    if (EVP_Digest(bytes.data(), bytes.size(), digest, &len, md, nullptr) != 1)
+        throw std::runtime_error("digest computation failed");
+    appendHex(out, digest, len);
+}
+
+}  // namespace
+
+bool Fingerprint::isWellFormed(std::string_view fingerprint) {
+    if (fingerprint.size() != kLength) return false;
+    for (char c : fingerprint)
+        if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) return false;
+    return true;
+}
+
+std::string Fingerprint::of(std::string_view bytes) {
+    std::string out;
+    out.reserve(kLength);
+    appendDigest(out, EVP_md5(), bytes);
+    appendDigest(out, EVP_sha1(), bytes);
+    return out;
+}
+
+bool Fingerprint::matches(std::string_view fingerprint, std::string_view bytes) {
+    return isWellFormed(fingerprint) && of(bytes) == fingerprint;
+}
+
+}  // namespace zarnu::cloud

@@ -1,0 +1,137 @@
+#pragma once
+// Metadata of the cloud: accounts, tokens, the per-account file tree, which parts each
+// account holds, public links and small settings. The default implementation is
+// SqliteMetadataStore; another database can be added by implementing this interface.
+//
+// Contract for every implementation:
+//  * Every method is safe to call from many threads at once.
+//  * Every mutating method is one atomic transaction: it either happens completely or
+//    not at all, and is durable when it returns.
+//  * Entries are addressed by sort keys (see CloudPath). Each account has a root folder
+//    with the empty key, created with the account.
+//  * Failures the client caused throw ApiError with the documented code; storage
+//    failures throw std::runtime_error.
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace zarnu::cloud {
+
+using AccountId = std::int64_t;
+using EntryId = std::int64_t;
+
+struct Account {
+    AccountId id = 0;
+    std::string name;
+    std::string passwordHash;
+    std::string displayName;
+};
+
+struct PartRef {
+    std::string fingerprint;
+    std::uint64_t size = 0;
+};
+
+struct PartLocation {
+    std::string fingerprint;
+    std::uint64_t size = 0;
+    std::uint64_t offset = 0;
+};
+
+struct Entry {
+    EntryId id = 0;
+    EntryId parent = 0;        ///< 0 for the root
+    std::string key;           ///< sort key; empty for the root
+    std::string name;          ///< empty for the root
+    bool folder = false;
+    std::uint64_t size = 0;
+    std::int64_t modified = 0;
+    std::int64_t deleted = 0;  ///< deletion time, 0 when live
+    std::int64_t deleteOp = 0; ///< entries deleted together share this value
+    std::uint64_t contained = 0;  ///< live direct children (folders)
+    std::uint64_t partCount = 0;  ///< parts (files)
+};
+
+struct Link {
+    AccountId account = 0;
+    std::vector<std::string> keys;  ///< sort keys of the linked paths
+};
+
+struct ChangeResult {
+    std::uint64_t count = 0;  ///< entries changed
+    Entry entry;              ///< the entry named by the request, after the change
+};
+
+/// Selector meaning "the latest deleted state" for undelete().
+inline constexpr std::uint64_t kLatestDeleted = ~std::uint64_t{0};
+
+class MetadataStore {
+public:
+    virtual ~MetadataStore() = default;
+
+    // --- accounts and tokens ---
+    virtual std::optional<Account> accountByName(std::string_view name) = 0;
+    virtual std::optional<Account> accountById(AccountId id) = 0;
+    virtual std::vector<Account> accounts() = 0;
+    /// Creates an account with its root folder; throws ApiError(55) when the name exists.
+    virtual AccountId createAccount(std::string_view name, std::string_view passwordHash, std::int64_t now) = 0;
+    virtual void addToken(std::string_view tokenHash, AccountId account, std::int64_t now) = 0;
+    virtual std::optional<AccountId> accountByToken(std::string_view tokenHash) = 0;
+    virtual void removeToken(std::string_view tokenHash) = 0;
+
+    // --- parts held by accounts ---
+    /// Size recorded when the account uploaded the part, or nothing when it does not hold it.
+    virtual std::optional<std::uint64_t> heldPartSize(AccountId account, std::string_view fingerprint) = 0;
+    /// Records that the account holds these parts (call only once their bytes are durable).
+    virtual void addHeldParts(AccountId account, const std::vector<PartRef>& parts) = 0;
+    /// Whether any file of the account (any version, deleted or not) references the part.
+    virtual bool accountReferencesPart(AccountId account, std::string_view fingerprint) = 0;
+
+    // --- reading the tree ---
+    virtual std::optional<Entry> entryByKey(AccountId account, std::string_view key) = 0;
+    /// Also finds earlier versions of files that were replaced since.
+    virtual std::optional<Entry> entryById(AccountId account, EntryId id) = 0;
+    /// Direct children of the folder with key `folderKey` whose keys are > afterKey, in key
+    /// order, at most `limit`.
+    virtual std::vector<Entry> children(AccountId account, std::string_view folderKey, std::string_view afterKey,
+                                        bool includeDeleted, std::size_t limit) = 0;
+    /// All descendants of `key` whose keys are > afterKey, in key order, at most `limit`.
+    virtual std::vector<Entry> descendants(AccountId account, std::string_view key, std::string_view afterKey,
+                                           bool includeDeleted, std::size_t limit) = 0;
+    /// The file's parts in order; limit 0 means all.
+    virtual std::vector<PartLocation> fileParts(EntryId file, std::size_t limit) = 0;
+
+    // --- changing the tree ---
+    /// Creates or replaces the file at `key` from parts the account holds. Throws
+    /// ApiError 162 (with `missing`) when a part is not held with that size, 172 when a
+    /// parent is a live file, 181 when a live folder is at the key. Creates missing
+    /// parents and revives deleted ones.
+    virtual Entry createFile(AccountId account, std::string_view key, const std::vector<PartRef>& parts,
+                             std::int64_t modified, std::int64_t now) = 0;
+    /// Creates the folder and missing parents; revives deleted ones; 172 when a live file
+    /// is in the way.
+    virtual Entry makeFolder(AccountId account, std::string_view key, std::int64_t now) = 0;
+    /// Marks the live entry and its live descendants deleted; 174 when there is none.
+    virtual ChangeResult softDelete(AccountId account, std::string_view key, std::int64_t now) = 0;
+    /// Restores the deleted entry at key (selected by its deleted time or kLatestDeleted),
+    /// the descendants deleted with it and its deleted parents; 174 when there is none.
+    virtual ChangeResult undelete(AccountId account, std::string_view key, std::uint64_t selector) = 0;
+
+    // --- public links ---
+    virtual void addLink(std::string_view tokenHash, AccountId account, const std::vector<std::string>& keys,
+                         std::int64_t now) = 0;
+    virtual std::optional<Link> linkByToken(std::string_view tokenHash) = 0;
+
+    // --- settings (small named JSON documents) ---
+    virtual std::optional<std::string> setting(std::string_view name) = 0;
+    /// Replaces the setting with update(current value) in one transaction. When update
+    /// throws, nothing changes and the exception propagates.
+    virtual void updateSetting(std::string_view name,
+                               const std::function<std::string(const std::optional<std::string>&)>& update) = 0;
+};
+
+}  // namespace zarnu::cloud

@@ -1,0 +1,76 @@
+#pragma once
+// MetadataStore on SQLite: WAL journal, synchronous FULL, a busy timeout, a small pool of
+// connections (readers run in parallel; writers take an in-process lock and BEGIN
+// IMMEDIATE so other processes using the same file, e.g. `zarnu-cloud user add`, are
+// serialised by SQLite itself). Thread-safe.
+
+#include "MetadataStore.h"
+
+#include <condition_variable>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+
+namespace zarnu::cloud {
+
+class SqliteMetadataStore final : public MetadataStore {
+public:
+    /// Opens (creating when needed) the database file and its schema; throws
+    /// std::runtime_error naming the file when it cannot.
+    explicit SqliteMetadataStore(std::filesystem::path file, std::size_t maxConnections = 8);
+    ~SqliteMetadataStore() override;
+
+    SqliteMetadataStore(const SqliteMetadataStore&) = delete;
+    SqliteMetadataStore& operator=(const SqliteMetadataStore&) = delete;
+
+    std::optional<Account> accountByName(std::string_view name) override;
+    std::optional<Account> accountById(AccountId id) override;
+    std::vector<Account> accounts() override;
+    AccountId createAccount(std::string_view name, std::string_view passwordHash, std::int64_t now) override;
+    void addToken(std::string_view tokenHash, AccountId account, std::int64_t now) override;
+    std::optional<AccountId> accountByToken(std::string_view tokenHash) override;
+    void removeToken(std::string_view tokenHash) override;
+
+    std::optional<std::uint64_t> heldPartSize(AccountId account, std::string_view fingerprint) override;
+    void addHeldParts(AccountId account, const std::vector<PartRef>& parts) override;
+    bool accountReferencesPart(AccountId account, std::string_view fingerprint) override;
+
+    std::optional<Entry> entryByKey(AccountId account, std::string_view key) override;
+    std::optional<Entry> entryById(AccountId account, EntryId id) override;
+    std::vector<Entry> children(AccountId account, std::string_view folderKey, std::string_view afterKey,
+                                bool includeDeleted, std::size_t limit) override;
+    std::vector<Entry> descendants(AccountId account, std::string_view key, std::string_view afterKey,
+                                   bool includeDeleted, std::size_t limit) override;
+    std::vector<PartLocation> fileParts(EntryId file, std::size_t limit) override;
+
+    Entry createFile(AccountId account, std::string_view key, const std::vector<PartRef>& parts, std::int64_t modified,
+                     std::int64_t now) override;
+    Entry makeFolder(AccountId account, std::string_view key, std::int64_t now) override;
+    ChangeResult softDelete(AccountId account, std::string_view key, std::int64_t now) override;
+    ChangeResult undelete(AccountId account, std::string_view key, std::uint64_t selector) override;
+
+    void addLink(std::string_view tokenHash, AccountId account, const std::vector<std::string>& keys,
+                 std::int64_t now) override;
+    std::optional<Link> linkByToken(std::string_view tokenHash) override;
+
+    std::optional<std::string> setting(std::string_view name) override;
+    void updateSetting(std::string_view name,
+                       const std::function<std::string(const std::optional<std::string>&)>& update) override;
+
+    class Connection;
+
+private:
+    class Lease;
+    Lease acquire();
+    void release(std::unique_ptr<Connection> connection);
+
+    std::filesystem::path file_;
+    std::size_t maxConnections_;
+    std::size_t openConnections_ = 0;
+    std::vector<std::unique_ptr<Connection>> idle_;
+    std::mutex poolMutex_;
+    std::condition_variable poolReady_;
+    std::mutex writeMutex_;
+};
+
+}  // namespace zarnu::cloud

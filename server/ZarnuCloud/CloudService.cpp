@@ -1,0 +1,313 @@
+#include "CloudService.h"
+
+#include "ApiError.h"
+#include "CloudPath.h"
+#include "Fingerprint.h"
+#include "HttpTypes.h"
+#include "PartBatch.h"
+#include "Secrets.h"
+
+#include <chrono>
+#include <unordered_set>
+
+namespace zarnu::cloud {
+
+std::int64_t unixNow() {
+    return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
+        .count();
+}
+
+namespace {
+
+constexpr std::size_t kTokenBytes = 32;
+constexpr std::size_t kLinkTokenBytes = 16;
+
+bool isLowerHex(std::string_view s, std::size_t length) {
+    if (s.size() != length) return false;
+    for (char c : s)
+        if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f'))) return false;
+    return true;
+}
+
+ApiError badLogin() { return ApiError(ErrorCode::BadLogin, "Incorrect username or password"); }
+
+std::string keyOfPath(std::string_view path) { return CloudPath::keyOf(CloudPath::parse(path)); }
+
+// Streams a file's parts from the part store, one part per chunk.
+class FileBodySource final : public BodySource {
+public:
+    FileBodySource(PartStore& parts, Stats& stats, std::vector<PartLocation> locations)
+        : parts_(parts), stats_(stats), locations_(std::move(locations)) {}
+
+    bool next(std::string& chunk) override {
+        if (index_ >= locations_.size()) return false;
+        const PartLocation& loc = locations_[index_++];
+        auto bytes = parts_.get(loc.fingerprint);
+        if (!bytes || bytes->size() != loc.size) throw std::runtime_error("part " + loc.fingerprint + " is unreadable");
+        stats_.partsSent++;
+        stats_.bytesSent += bytes->size();
+        chunk = std::move(*bytes);
+        return true;
+    }
+
+private:
+    PartStore& parts_;
+    Stats& stats_;
+    std::vector<PartLocation> locations_;
+    std::size_t index_ = 0;
+};
+
+}  // namespace
+
+CloudService::CloudService(MetadataStore& meta, PartStore& parts, Stats& stats)
+    : meta_(meta), parts_(parts), stats_(stats), lister_(meta) {}
+
+// ---- accounts ----
+
+bool CloudService::isValidUserName(std::string_view name) {
+    if (name.empty() || name.size() > 64) return false;
+    for (char c : name) {
+        bool ok = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '.' || c == '_' ||
+                  c == '@' || c == '+' || c == '-';
+        if (!ok) return false;
+    }
+    return true;
+}
+
+AccountId CloudService::addUser(std::string_view name, std::string_view password) {
+    if (!isValidUserName(name))
+        throw ApiError(ErrorCode::BadInput,
+                       "Invalid user name \"" + std::string(name.substr(0, 80)) +
+                           "\": use 1 to 64 of the characters A-Z a-z 0-9 . _ @ + -");
+    if (password.empty()) throw ApiError(ErrorCode::BadInput, "The password is empty");
+    return meta_.createAccount(name, Secrets::hashPassword(password), unixNow());
+}
+
+LoginResult CloudService::loginWithPassword(std::string_view user, std::string_view password) {
+    auto account = meta_.accountByName(user);
+    if (!account) {
+        Secrets::burnPasswordCheck(password);
+        stats_.loginsFailed++;
+        throw badLogin();
+    }
+    if (!Secrets::verifyPassword(account->passwordHash, password)) {
+        stats_.loginsFailed++;
+        throw badLogin();
+    }
+    std::string token = Secrets::randomHex(kTokenBytes);
+    meta_.addToken(Secrets::sha256(token), account->id, unixNow());
+    stats_.logins++;
+    return {*account, token};
+}
+
+LoginResult CloudService::loginWithToken(std::string_view token) {
+    // Tokens are looked up by their SHA-256 digest, so lookup timing says nothing about
+    // the token itself.
+    std::optional<AccountId> id;
+    if (isLowerHex(token, kTokenBytes * 2)) id = meta_.accountByToken(Secrets::sha256(token));
+    auto account = id ? meta_.accountById(*id) : std::nullopt;
+    if (!account) {
+        stats_.loginsFailed++;
+        throw badLogin();
+    }
+    stats_.logins++;
+    return {*account, std::string(token)};
+}
+
+AccountId CloudService::authenticate(std::string_view token) {
+    if (isLowerHex(token, kTokenBytes * 2))
+        if (auto id = meta_.accountByToken(Secrets::sha256(token))) return *id;
+    throw ApiError(ErrorCode::NotLoggedIn, "The user is not logged in");
+}
+
+void CloudService::logout(std::string_view token) { meta_.removeToken(Secrets::sha256(token)); }
+
+// ---- listing and parts ----
+
+ListPage CloudService::list(AccountId account, const ListRequest& request) { return lister_.list(account, request); }
+
+std::vector<std::string> CloudService::missingParts(AccountId account, const std::vector<std::string>& fingerprints) {
+    if (fingerprints.size() > kMaxMissingQuery)
+        throw ApiError(ErrorCode::TooLarge, "The request is too large: at most 10000 fingerprints");
+    std::vector<std::string> missing;
+    std::unordered_set<std::string> seen;
+    for (const auto& fp : fingerprints) {
+        if (!Fingerprint::isWellFormed(fp))
+            throw ApiError(ErrorCode::BadInput, "Malformed fingerprint \"" + fp.substr(0, 80) + "\"");
+        if (!seen.insert(fp).second) continue;
+        if (!meta_.heldPartSize(account, fp)) missing.push_back(fp);
+    }
+    return missing;
+}
+
+std::size_t CloudService::uploadParts(AccountId account, std::string_view body) {
+    const auto parts = PartBatch::parseUpload(body);
+    for (const auto& p : parts) {
+        stats_.partsReceived++;
+        stats_.bytesReceived += p.bytes.size();
+    }
+    for (const auto& p : parts) {
+        if (!Fingerprint::matches(p.fingerprint, p.bytes)) {
+            stats_.partsRejected++;
+            throw ApiError(ErrorCode::PartInvalid, "A part failed to be validated: " + p.fingerprint);
+        }
+    }
+    std::vector<PartRef> held;
+    for (const auto& p : parts) {
+        if (parts_.put(p.fingerprint, p.bytes)) {
+            stats_.partsStored++;
+            stats_.bytesStored += p.bytes.size();
+        }
+        held.push_back({p.fingerprint, p.bytes.size()});
+    }
+    meta_.addHeldParts(account, held);
+    return parts.size();
+}
+
+Entry CloudService::createFile(AccountId account, std::string_view path, const std::vector<PartRef>& parts,
+                               std::optional<std::int64_t> modified) {
+    const std::string key = keyOfPath(path);
+    for (const auto& p : parts) {
+        if (!Fingerprint::isWellFormed(p.fingerprint))
+            throw ApiError(ErrorCode::BadInput, "Malformed fingerprint \"" + p.fingerprint.substr(0, 80) + "\"");
+        if (p.size < 1 || p.size > Fingerprint::kMaxPartSize)
+            throw ApiError(ErrorCode::BadInput, "A part size must be between 1 and 1048576");
+    }
+    const std::int64_t now = unixNow();
+    Entry e = meta_.createFile(account, key, parts, modified.value_or(now), now);
+    stats_.filesCreated++;
+    return e;
+}
+
+std::vector<DownloadedPart> CloudService::downloadParts(AccountId account, EntryId file,
+                                                        const std::vector<std::string>& fingerprints) {
+    if (fingerprints.size() > kMaxDownloadParts)
+        throw ApiError(ErrorCode::TooLarge, "The request is too large: at most 100 parts per batch");
+    auto entry = meta_.entryById(account, file);
+    if (!entry) throw ApiError(ErrorCode::NotFound, "The file specified does not exist: id " + std::to_string(file));
+    if (entry->folder) throw ApiError(ErrorCode::IsFolder, "The target path is a folder: id " + std::to_string(file));
+
+    std::unordered_set<std::string> inFile;
+    for (auto& loc : meta_.fileParts(entry->id, 0)) inFile.insert(std::move(loc.fingerprint));
+
+    std::vector<DownloadedPart> out;
+    std::size_t bytes = 0;
+    for (const auto& fp : fingerprints) {
+        DownloadedPart part;
+        part.fingerprint = fp;
+        if (!Fingerprint::isWellFormed(fp))
+            throw ApiError(ErrorCode::BadInput, "Malformed fingerprint \"" + fp.substr(0, 80) + "\"");
+        if (bytes >= kMaxDownloadBytes) {
+            part.status = DownloadedPart::Status::Later;
+        } else if (inFile.count(fp) || meta_.accountReferencesPart(account, fp)) {
+            if (auto data = parts_.get(fp); data && Fingerprint::matches(fp, *data)) {
+                if (bytes > 0 && bytes + data->size() > kMaxDownloadBytes) {
+                    part.status = DownloadedPart::Status::Later;
+                    bytes = kMaxDownloadBytes;
+                } else {
+                    bytes += data->size();
+                    part.status = DownloadedPart::Status::Ok;
+                    part.bytes = std::move(*data);
+                    stats_.partsSent++;
+                    stats_.bytesSent += part.bytes.size();
+                }
+            }
+        }
+        out.push_back(std::move(part));
+    }
+    return out;
+}
+
+// ---- tree changes ----
+
+Entry CloudService::makeFolder(AccountId account, std::string_view path) {
+    return meta_.makeFolder(account, keyOfPath(path), unixNow());
+}
+
+ChangeResult CloudService::remove(AccountId account, std::string_view path) {
+    return meta_.softDelete(account, keyOfPath(path), unixNow());
+}
+
+ChangeResult CloudService::undelete(AccountId account, std::string_view path, std::uint64_t selector) {
+    return meta_.undelete(account, keyOfPath(path), selector);
+}
+
+// ---- public links ----
+
+std::string CloudService::createLink(AccountId account, const std::vector<std::string>& paths) {
+    if (paths.empty()) throw ApiError(ErrorCode::BadInput, "A link needs at least one path");
+    if (paths.size() > kMaxLinkPaths) throw ApiError(ErrorCode::TooLarge, "The request is too large: at most 100 paths");
+    std::vector<std::string> keys;
+    for (const auto& p : paths) {
+        std::string key = keyOfPath(p);
+        auto e = meta_.entryByKey(account, key);
+        if (!e || e->deleted) throw ApiError(ErrorCode::NotFound, "The file specified does not exist: " + p);
+        keys.push_back(std::move(key));
+    }
+    std::string token = Secrets::randomHex(kLinkTokenBytes);
+    meta_.addLink(Secrets::sha256(token), account, keys, unixNow());
+    return token;
+}
+
+std::vector<Entry> CloudService::reachableFiles(const Link& link) {
+    std::vector<Entry> files;
+    for (const auto& key : link.keys) {
+        auto e = meta_.entryByKey(link.account, key);
+        if (!e || e->deleted) continue;
+        if (!e->folder) {
+            files.push_back(*e);
+        } else {
+            std::string after;
+            while (files.size() < kMaxLinkFiles) {
+                auto batch = meta_.descendants(link.account, key, after, false, 1000);
+                for (auto& d : batch)
+                    if (!d.folder && files.size() < kMaxLinkFiles) files.push_back(std::move(d));
+                if (batch.size() < 1000) break;
+                after = batch.back().key;
+            }
+        }
+    }
+    return files;
+}
+
+LinkView CloudService::openLink(std::string_view token) {
+    auto notFound = [] { return ApiError(ErrorCode::NotFound, "The file specified does not exist"); };
+    if (!isLowerHex(token, kLinkTokenBytes * 2)) throw notFound();
+    auto link = meta_.linkByToken(Secrets::sha256(token));
+    if (!link) throw notFound();
+    LinkView view;
+    view.account = link->account;
+    if (link->keys.size() == 1) {
+        auto e = meta_.entryByKey(link->account, link->keys[0]);
+        if (!e || e->deleted) throw notFound();
+        if (!e->folder) {
+            view.singleFile = true;
+            view.files.push_back(*e);
+            return view;
+        }
+    }
+    view.files = reachableFiles(*link);
+    if (view.files.empty()) {
+        // A link to empty folders still answers an (empty) listing when the folders live.
+        bool anyLive = false;
+        for (const auto& key : link->keys) {
+            auto e = meta_.entryByKey(link->account, key);
+            anyLive = anyLive || (e && !e->deleted);
+        }
+        if (!anyLive) throw notFound();
+    }
+    return view;
+}
+
+Entry CloudService::linkedFile(std::string_view token, EntryId id) {
+    LinkView view = openLink(token);
+    for (auto& f : view.files)
+        if (f.id == id) return f;
+    throw ApiError(ErrorCode::NotFound, "The file specified does not exist");
+}
+
+std::unique_ptr<BodySource> CloudService::fileBytes(const Entry& file) {
+    return std::make_unique<FileBodySource>(parts_, stats_, meta_.fileParts(file.id, 0));
+}
+
+}  // namespace zarnu::cloud

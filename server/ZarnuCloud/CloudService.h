@@ -1,0 +1,94 @@
+#pragma once
+// The cloud's operations, independent of HTTP and JSON: logins and tokens, listing,
+// part upload/download, file and folder changes, public links. Holds references to the
+// stores and the counters; they must outlive it. Thread-safe (all state lives in the
+// stores, which are thread-safe).
+
+#include "Lister.h"
+#include "MetadataStore.h"
+#include "PartStore.h"
+#include "Stats.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace zarnu::cloud {
+
+struct LoginResult {
+    Account account;
+    std::string token;
+};
+
+struct DownloadedPart {
+    std::string fingerprint;
+    enum class Status { Ok, Missing, Later } status = Status::Missing;
+    std::string bytes;
+};
+
+/// What a public link shows: one file, or a listing of files.
+struct LinkView {
+    AccountId account = 0;
+    bool singleFile = false;
+    std::vector<Entry> files;
+};
+
+class CloudService {
+public:
+    static constexpr std::size_t kMaxMissingQuery = 10000;
+    static constexpr std::size_t kMaxDownloadParts = 100;
+    static constexpr std::size_t kMaxDownloadBytes = 8 * 1024 * 1024;
+    static constexpr std::size_t kMaxLinkPaths = 100;
+    static constexpr std::size_t kMaxLinkFiles = 10000;
+
+    CloudService(MetadataStore& meta, PartStore& parts, Stats& stats);
+
+    /// Same error (191) for an unknown user and a wrong password.
+    LoginResult loginWithPassword(std::string_view user, std::string_view password);
+    /// 191 for an unknown token.
+    LoginResult loginWithToken(std::string_view token);
+    /// The account a bearer token belongs to; 177 when there is none.
+    AccountId authenticate(std::string_view token);
+    void logout(std::string_view token);
+    /// Creates an account (the user name must be 1..64 of A-Z a-z 0-9 . _ @ + -).
+    AccountId addUser(std::string_view name, std::string_view password);
+    static bool isValidUserName(std::string_view name);
+
+    ListPage list(AccountId account, const ListRequest& request);
+    std::vector<std::string> missingParts(AccountId account, const std::vector<std::string>& fingerprints);
+    /// Verifies every part of the batch, then stores and credits them; returns the number
+    /// of parts received. 169 (nothing stored) when a part does not match its fingerprint.
+    std::size_t uploadParts(AccountId account, std::string_view body);
+    Entry createFile(AccountId account, std::string_view path, const std::vector<PartRef>& parts,
+                     std::optional<std::int64_t> modified);
+    std::vector<DownloadedPart> downloadParts(AccountId account, EntryId file,
+                                              const std::vector<std::string>& fingerprints);
+    Entry makeFolder(AccountId account, std::string_view path);
+    ChangeResult remove(AccountId account, std::string_view path);
+    ChangeResult undelete(AccountId account, std::string_view path, std::uint64_t selector);
+
+    /// Returns the link token (128 random bits, hex).
+    std::string createLink(AccountId account, const std::vector<std::string>& paths);
+    /// 174 when the token is unknown or nothing live is behind it.
+    LinkView openLink(std::string_view token);
+    /// The file with that id when the link reaches it; 174 otherwise.
+    Entry linkedFile(std::string_view token, EntryId id);
+    /// Streams a file's bytes part by part.
+    std::unique_ptr<class BodySource> fileBytes(const Entry& file);
+
+    MetadataStore& meta() { return meta_; }
+    Stats& stats() { return stats_; }
+
+private:
+    std::vector<Entry> reachableFiles(const Link& link);
+
+    MetadataStore& meta_;
+    PartStore& parts_;
+    Stats& stats_;
+    Lister lister_;
+};
+
+/// Current time, Unix seconds.
+std::int64_t unixNow();
+
+}  // namespace zarnu::cloud

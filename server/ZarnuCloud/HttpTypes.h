@@ -1,0 +1,42 @@
+#pragma once
+// The HTTP request and response as the API layer sees them, free of any networking
+// library so that request handling compiles (and is tested) without Boost.Beast.
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace zarnu::cloud {
+
+struct HttpRequest {
+    std::string method;         ///< "GET", "POST", ...
+    std::string path;           ///< target without the query string
+    std::string authorization;  ///< Authorization header, may be empty
+    std::string host;           ///< Host header, may be empty
+    std::string body;
+    bool loopbackPeer = false;  ///< the client connected from a loopback address
+    bool tls = false;           ///< the connection is HTTPS
+};
+
+/// Produces a response body piece by piece (large downloads). Called from one thread at
+/// a time; next() returns false when the body is complete and throws on failure (the
+/// connection is then closed).
+class BodySource {
+public:
+    virtual ~BodySource() = default;
+    virtual bool next(std::string& chunk) = 0;
+};
+
+struct HttpResponse {
+    int status = 200;
+    std::string contentType = "application/json";
+    std::string body;
+    std::vector<std::pair<std::string, std::string>> headers;
+    /// When set, the body comes from here instead of `body` and is `streamSize` bytes long.
+    std::unique_ptr<BodySource> stream;
+    std::uint64_t streamSize = 0;
+};
+
+}  // namespace zarnu::cloud

@@ -1,0 +1,43 @@
+"""Shared fixtures of the end-to-end suites.
+
+Binaries are taken from $ZARNU_BIN_DIR (CTest sets it), else build/release/bin.
+Every process a test starts is stopped by the test, by process id.
+"""
+import os
+import pathlib
+import subprocess
+
+import pytest
+
+REPO = pathlib.Path(__file__).resolve().parent.parent
+
+
+def bin_dir() -> pathlib.Path:
+    return pathlib.Path(os.environ.get("ZARNU_BIN_DIR", REPO / "build" / "release" / "bin"))
+
+
+class ZarnuCmd:
+    """Runs zarnucmd as a user would, with its own data folder."""
+
+    def __init__(self, data_dir: pathlib.Path, env: dict):
+        self.data_dir = data_dir
+        self.env = env
+        self.exe = str(bin_dir() / "zarnucmd")
+
+    def run(self, *args, input=None, timeout=120, env=None, exe=None):
+        full_env = dict(self.env)
+        if env:
+            full_env.update(env)
+        return subprocess.run([exe or self.exe, *map(str, args)], capture_output=True, text=True,
+                              input=input, timeout=timeout, env=full_env)
+
+
+@pytest.fixture
+def zarnucmd(tmp_path):
+    """A zarnucmd runner whose data folder ($ZARNU_DATA) is a fresh temporary folder."""
+    data = tmp_path / "zarnu-data"
+    env = dict(os.environ)
+    env["ZARNU_DATA"] = str(data)
+    env["HOME"] = str(tmp_path)
+    env.pop("ZARNU_CLOUD_ADDRESS", None)
+    return ZarnuCmd(data, env)

@@ -9,11 +9,14 @@
 #include "PartStore.h"
 #include "Stats.h"
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 namespace zarnu::cloud {
+
+class BodySource;
 
 struct LoginResult {
     Account account;
@@ -74,7 +77,7 @@ public:
     /// The file with that id when the link reaches it; 174 otherwise.
     Entry linkedFile(std::string_view token, EntryId id);
     /// Streams a file's bytes part by part.
-    std::unique_ptr<class BodySource> fileBytes(const Entry& file);
+    std::unique_ptr<BodySource> fileBytes(const Entry& file);
 
     MetadataStore& meta() { return meta_; }
     Stats& stats() { return stats_; }

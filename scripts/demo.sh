@@ -1,0 +1,72 @@
+#!/usr/bin/env bash
+# Runs Zarnu locally on its embedded defaults: installs what is missing, builds,
+# starts a local cloud service (HTTPS with its own certificate) in a scratch
+# folder, creates a demo account and takes a short tour of zarnucmd. Stops the
+# service before it ends. Usage: scripts/demo.sh [scratch-folder]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+repo=$(pwd)
+bash scripts/install-deps.sh
+bash scripts/build.sh release
+bin="$repo/build/release/bin"
+
+scratch="${1:-$repo/build/demo}"
+rm -rf "$scratch"
+mkdir -p "$scratch/cloud" "$scratch/zarnu" "$scratch/files/photos"
+export ZARNU_DATA="$scratch/zarnu"
+
+log="$scratch/cloud.log"
+mkfifo "$scratch/cloud.out"
+"$bin/zarnu-cloud" serve --data "$scratch/cloud" --listen 127.0.0.1:0 --self-signed >"$scratch/cloud.out" 2>"$log" &
+cloud_pid=$!
+trap 'kill "$cloud_pid" 2>/dev/null; wait "$cloud_pid" 2>/dev/null || true' EXIT
+
+# The service prints one line, "listening on <url>", once it accepts connections.
+exec 3<"$scratch/cloud.out"
+line=""
+read -r -t 120 line <&3 || true
+url="${line#listening on }"
+if [ -z "$line" ] || [ "$url" = "$line" ]; then
+  cat "$log" >&2
+  echo "demo: the cloud service did not start" >&2
+  exit 1
+fi
+export ZARNU_CLOUD_ADDRESS="$url"
+# zarnucmd trusts the service's own certificate through ca.pem in its data folder.
+cp "$scratch/cloud/cert.pem" "$ZARNU_DATA/ca.pem"
+
+echo "demo-password" | "$bin/zarnu-cloud" user add demo --data "$scratch/cloud" >/dev/null
+login=(-username=demo -password=demo-password)
+
+echo "hello from zarnu" >"$scratch/files/hello.txt"
+head -c 3000000 /dev/urandom >"$scratch/files/photos/big.bin"
+: >"$scratch/files/photos/empty.txt"
+
+z() {
+  echo
+  echo "\$ zarnucmd $*"
+  "$bin/zarnucmd" "$@" || echo "(exit status $?)"
+}
+
+echo "Cloud service: $url (data in $scratch/cloud); agent data folder: $ZARNU_DATA"
+z -version
+z Config get csmCloudAddress
+z Config put csmCurlTimeout 120
+z Config get csmCurlTimeout
+z Cloud authClient "${login[@]}"
+z Cloud mkdir /docs "${login[@]}"
+z Cloud put "$scratch/files/hello.txt" /docs "${login[@]}"
+z Cloud put "$scratch/files/photos" / -r "${login[@]}"
+z Cloud ls / -r "${login[@]}"
+z Cloud ls "/photos/*.bin" -p "${login[@]}"
+z Cloud link /docs/hello.txt "${login[@]}"
+z Cloud get /docs/hello.txt "$scratch/hello-copy.txt" "${login[@]}"
+echo "(downloaded: $(cat "$scratch/hello-copy.txt"))"
+z Cloud rm /docs/hello.txt "${login[@]}"
+z Cloud ls /docs -d "${login[@]}"
+z Cloud undelete /docs/hello.txt "${login[@]}"
+z Cloud get /docs/hello.txt "$scratch/hello-copy.txt" "${login[@]}"
+z Cloud ls /nothing-here "${login[@]}"
+echo
+echo "Demo finished; the cloud service is stopped. Try your own commands with:"
+echo "  ZARNU_DATA=$ZARNU_DATA $bin/zarnucmd -help"

@@ -1,0 +1,426 @@
+#include "ApiRouter.h"
+
+#include "ApiError.h"
+#include "BuildSlots.h"
+#include "CloudPath.h"
+#include "Fingerprint.h"
+#include "PartBatch.h"
+
+#include <boost/json.hpp>
+
+#include <cctype>
+#include <charconv>
+#include <iostream>
+
+#ifndef ZARNU_VERSION
+#define ZARNU_VERSION "0"
+#endif
+
+namespace zarnu::cloud {
+
+namespace json = boost::json;
+
+namespace {
+
+constexpr std::string_view kApi = "/api/v1/";
+constexpr std::string_view kPublic = "/public/";
+
+HttpResponse jsonAnswer(const json::value& v, int status = 200) {
+    HttpResponse r;
+    r.status = status;
+    r.body = json::serialize(v);
+    return r;
+}
+
+HttpResponse errorAnswer(const ApiError& e) {
+    json::object err{{"code", static_cast<int>(e.code())}, {"message", e.what()}};
+    if (e.code() == ErrorCode::PartsMissing) {
+        json::array missing;
+        for (const auto& m : e.missing) missing.emplace_back(m);
+        err["missing"] = std::move(missing);
+    }
+    return jsonAnswer(json::object{{"error", std::move(err)}}, e.httpStatus());
+}
+
+// Typed access to the fields of a JSON request body.
+class Fields {
+public:
+    explicit Fields(const std::string& body) {
+        json::error_code ec;
+        value_ = json::parse(body.empty() ? std::string_view("{}") : std::string_view(body), ec);
+        if (ec) throw ApiError(ErrorCode::BadInput, "The body is not valid JSON: " + ec.message());
+        if (!value_.is_object()) throw ApiError(ErrorCode::BadInput, "The body must be a JSON object");
+    }
+
+    const json::value* find(std::string_view name) const { return value_.as_object().if_contains(name); }
+
+    std::string string(std::string_view name, bool required = true, std::string fallback = {}) const {
+        const json::value* v = find(name);
+        if (!v || v->is_null()) {
+            if (required) throw missing(name, "string");
+            return fallback;
+        }
+        if (!v->is_string()) throw wrong(name, "a string");
+        return std::string(v->as_string());
+    }
+    bool boolean(std::string_view name, bool fallback = false) const {
+        const json::value* v = find(name);
+        if (!v || v->is_null()) return fallback;
+        if (!v->is_bool()) throw wrong(name, "true or false");
+        return v->as_bool();
+    }
+    std::uint64_t unsignedInt(std::string_view name, std::uint64_t fallback, bool required = false) const {
+        const json::value* v = find(name);
+        if (!v || v->is_null()) {
+            if (required) throw missing(name, "integer");
+            return fallback;
+        }
+        return toUnsigned(*v, name);
+    }
+    std::vector<std::string> strings(std::string_view name) const {
+        const json::value* v = find(name);
+        if (!v || !v->is_array()) throw wrong(name, "an array of strings");
+        std::vector<std::string> out;
+        for (const auto& item : v->as_array()) {
+            if (!item.is_string()) throw wrong(name, "an array of strings");
+            out.emplace_back(item.as_string());
+        }
+        return out;
+    }
+    std::vector<PartRef> parts(std::string_view name) const {
+        const json::value* v = find(name);
+        if (!v || !v->is_array()) throw wrong(name, "an array of {fingerprint, size}");
+        std::vector<PartRef> out;
+        out.reserve(v->as_array().size());
+        for (const auto& item : v->as_array()) {
+            const json::object* o = item.if_object();
+            const json::value* fp = o ? o->if_contains("fingerprint") : nullptr;
+            const json::value* size = o ? o->if_contains("size") : nullptr;
+            if (!fp || !fp->is_string() || !size) throw wrong(name, "an array of {fingerprint, size}");
+            out.push_back({std::string(fp->as_string()), toUnsigned(*size, "size")});
+        }
+        return out;
+    }
+
+    static std::uint64_t toUnsigned(const json::value& v, std::string_view name) {
+        if (v.is_uint64()) return v.as_uint64();
+        if (v.is_int64() && v.as_int64() >= 0) return static_cast<std::uint64_t>(v.as_int64());
+        throw wrong(name, "a non-negative integer");
+    }
+
+private:
+    static ApiError missing(std::string_view name, const char* type) {
+        return ApiError(ErrorCode::BadInput, "The field \"" + std::string(name) + "\" (" + type + ") is missing");
+    }
+    static ApiError wrong(std::string_view name, const char* what) {
+        return ApiError(ErrorCode::BadInput, "The field \"" + std::string(name) + "\" must be " + what);
+    }
+    json::value value_;
+};
+
+json::object entryJson(const Entry& e, const std::vector<PartLocation>* parts) {
+    json::object o{
+        {"id", e.id},
+        {"path", CloudPath::pathOfKey(e.key)},
+        {"name", e.name},
+        {"is_folder", e.folder},
+        {"attributes", e.folder ? 16 : 0},
+        {"size", e.size},
+        {"modified", e.modified},
+        {"deleted", e.deleted},
+        {"contained", e.contained},
+        {"part_count", e.partCount},
+    };
+    if (parts) {
+        json::array list;
+        for (const auto& p : *parts)
+            list.push_back(json::object{{"fingerprint", p.fingerprint}, {"size", p.size}, {"offset", p.offset}});
+        o["parts"] = std::move(list);
+    }
+    return o;
+}
+
+json::object changeJson(const ChangeResult& r, const char* countName) {
+    return json::object{{countName, r.count}, {"entry", entryJson(r.entry, nullptr)}};
+}
+
+std::string bearerToken(const HttpRequest& req) {
+    std::string_view h = req.authorization;
+    constexpr std::string_view prefix = "Bearer ";
+    if (h.size() <= prefix.size()) return {};
+    for (std::size_t i = 0; i < prefix.size(); ++i)
+        if (std::tolower(static_cast<unsigned char>(h[i])) != std::tolower(static_cast<unsigned char>(prefix[i])))
+            return {};
+    h.remove_prefix(prefix.size());
+    while (!h.empty() && h.front() == ' ') h.remove_prefix(1);
+    while (!h.empty() && h.back() == ' ') h.remove_suffix(1);
+    return std::string(h);
+}
+
+bool usableHost(std::string_view host) {
+    if (host.empty() || host.size() > 255) return false;
+    for (char c : host)
+        if (!(std::isalnum(static_cast<unsigned char>(c)) || c == '.' || c == '-' || c == ':' || c == '[' || c == ']'))
+            return false;
+    return true;
+}
+
+std::string percentEncode(std::string_view s) {
+    static const char* digits = "0123456789ABCDEF";
+    std::string out;
+    for (unsigned char c : s) {
+        if (std::isalnum(c) || c == '.' || c == '-' || c == '_' || c == '~') {
+            out += static_cast<char>(c);
+        } else {
+            out += '%';
+            out += digits[c >> 4];
+            out += digits[c & 0x0F];
+        }
+    }
+    return out;
+}
+
+[[noreturn]] void unknownEndpoint(const HttpRequest& req) {
+    throw ApiError(ErrorCode::BadInput, "Unknown endpoint " + ApiRouter::loggablePath(req.path), 404);
+}
+
+void requireMethod(const HttpRequest& req, std::string_view method) {
+    if (req.method != method)
+        throw ApiError(ErrorCode::BadInput, "Use " + std::string(method) + " for " + req.path, 405);
+}
+
+}  // namespace
+
+ApiRouter::ApiRouter(CloudService& service, std::string defaultAuthority)
+    : service_(service), defaultAuthority_(std::move(defaultAuthority)) {}
+
+std::size_t ApiRouter::bodyLimit(std::string_view method, std::string_view path) {
+    if (path == "/api/v1/parts/upload") return PartBatch::kMaxUploadBody;
+    if (path == "/api/v1/files/create") return kMaxCreateBody;
+    return kMaxJsonBody;
+}
+
+std::string ApiRouter::loggablePath(std::string_view path) {
+    if (path.substr(0, kPublic.size()) == kPublic) {
+        std::string_view rest = path.substr(kPublic.size());
+        auto slash = rest.find('/');
+        return std::string(kPublic) + "***" + std::string(slash == std::string_view::npos ? "" : rest.substr(slash));
+    }
+    std::string out(path.substr(0, 512));
+    for (char& c : out)
+        if (static_cast<unsigned char>(c) < 0x20 || c == 0x7F) c = '?';
+    return out;
+}
+
+HttpResponse ApiRouter::handle(const HttpRequest& request) {
+    service_.stats().requests++;
+    try {
+        return route(request);
+    } catch (const ApiError& e) {
+        return errorAnswer(e);
+    } catch (const std::exception& e) {
+        std::cerr << "error: " << loggablePath(request.path) << ": " << e.what() << std::endl;
+        return errorAnswer(ApiError(ErrorCode::Internal, "Internal error"));
+    }
+}
+
+HttpResponse ApiRouter::route(const HttpRequest& req) {
+    const std::string_view path = req.path;
+
+    if (path == "/buildslots/slots/" || path == "/buildslots/slots") {
+        if (req.method == "GET") {
+            HttpResponse r;
+            r.body = BuildSlots::load(service_.meta());
+            return r;
+        }
+        requireMethod(req, "POST");
+        if (!req.loopbackPeer) {
+            try {
+                service_.authenticate(bearerToken(req));
+            } catch (const ApiError&) {
+                return jsonAnswer(json::object{{"result", "error"}, {"error", "The user is not logged in"}}, 401);
+            }
+        }
+        try {
+            BuildSlots::store(service_.meta(), req.body);
+        } catch (const std::invalid_argument& e) {
+            return jsonAnswer(json::object{{"result", "error"}, {"error", e.what()}}, 400);
+        }
+        return jsonAnswer(json::object{{"result", "ok"}, {"error", ""}});
+    }
+
+    if (path.substr(0, kPublic.size()) == kPublic) {
+        requireMethod(req, "GET");
+        std::string_view rest = path.substr(kPublic.size());
+        const auto slash = rest.find('/');
+        const std::string token(rest.substr(0, slash));
+        std::optional<Entry> file;
+        if (slash != std::string_view::npos) {
+            std::string_view tail = rest.substr(slash);
+            constexpr std::string_view filePrefix = "/file/";
+            if (tail.substr(0, filePrefix.size()) != filePrefix) unknownEndpoint(req);
+            tail.remove_prefix(filePrefix.size());
+            EntryId id = 0;
+            auto [end, ec] = std::from_chars(tail.data(), tail.data() + tail.size(), id);
+            if (ec != std::errc() || end != tail.data() + tail.size())
+                throw ApiError(ErrorCode::NotFound, "The file specified does not exist");
+            file = service_.linkedFile(token, id);
+        } else {
+            LinkView view = service_.openLink(token);
+            if (view.singleFile) {
+                file = view.files.front();
+            } else {
+                json::array entries;
+                for (const auto& f : view.files)
+                    entries.push_back(json::object{{"path", CloudPath::pathOfKey(f.key)},
+                                                   {"name", f.name},
+                                                   {"size", f.size},
+                                                   {"modified", f.modified},
+                                                   {"url", std::string(kPublic) + token + "/file/" + std::to_string(f.id)}});
+                return jsonAnswer(json::object{{"entries", std::move(entries)}});
+            }
+        }
+        HttpResponse r;
+        r.contentType = "application/octet-stream";
+        r.headers.emplace_back("Content-Disposition", "attachment; filename*=UTF-8''" + percentEncode(file->name));
+        r.stream = service_.fileBytes(*file);
+        r.streamSize = file->size;
+        return r;
+    }
+
+    if (path.substr(0, kApi.size()) != kApi) unknownEndpoint(req);
+    const std::string_view op = path.substr(kApi.size());
+
+    if (op == "info") {
+        requireMethod(req, "GET");
+        return jsonAnswer(json::object{{"service", "zarnu-cloud"},
+                                       {"version", ZARNU_VERSION},
+                                       {"api", 1},
+                                       {"max_part_size", Fingerprint::kMaxPartSize},
+                                       {"max_upload_parts", PartBatch::kMaxUploadParts},
+                                       {"max_download_parts", CloudService::kMaxDownloadParts},
+                                       {"max_download_bytes", CloudService::kMaxDownloadBytes}});
+    }
+    if (op == "stats") {
+        requireMethod(req, "GET");
+        if (!req.loopbackPeer) service_.authenticate(bearerToken(req));
+        const Stats& s = service_.stats();
+        return jsonAnswer(json::object{{"requests", s.requests.load()},
+                                       {"parts_received", s.partsReceived.load()},
+                                       {"bytes_received", s.bytesReceived.load()},
+                                       {"parts_stored", s.partsStored.load()},
+                                       {"bytes_stored", s.bytesStored.load()},
+                                       {"parts_rejected", s.partsRejected.load()},
+                                       {"parts_sent", s.partsSent.load()},
+                                       {"bytes_sent", s.bytesSent.load()},
+                                       {"files_created", s.filesCreated.load()},
+                                       {"logins", s.logins.load()},
+                                       {"logins_failed", s.loginsFailed.load()}});
+    }
+    if (op == "login") {
+        requireMethod(req, "POST");
+        Fields f(req.body);
+        LoginResult r;
+        if (f.find("token")) {
+            r = service_.loginWithToken(f.string("token"));
+        } else if (f.find("username") && f.find("password")) {
+            r = service_.loginWithPassword(f.string("username"), f.string("password"));
+        } else {
+            throw ApiError(ErrorCode::BadInput, "A login needs \"username\" and \"password\", or \"token\"");
+        }
+        return jsonAnswer(json::object{{"usernames", json::array{json::value(r.account.name)}},
+                                       {"token", r.token},
+                                       {"account_id", r.account.id},
+                                       {"display_name", r.account.displayName}});
+    }
+
+    // Everything below needs a token.
+    const std::string token = bearerToken(req);
+    const AccountId account = service_.authenticate(token);
+    requireMethod(req, "POST");
+
+    if (op == "logout") {
+        service_.logout(token);
+        return jsonAnswer(json::object{{"result", "ok"}});
+    }
+    if (op == "parts/upload") {
+        std::size_t n = service_.uploadParts(account, req.body);
+        return jsonAnswer(json::object{{"received", n}});
+    }
+
+    Fields f(req.body);
+    if (op == "list") {
+        ListRequest lr;
+        lr.path = f.string("path");
+        lr.filter = f.string("filter", false);
+        lr.recurse = f.boolean("recurse");
+        lr.partLimit = f.unsignedInt("part_limit", 0);
+        lr.pageSize = f.unsignedInt("page_size", 1000);
+        (void)f.boolean("include_excludes");
+        lr.includeParts = f.boolean("include_parts");
+        lr.includeDeleted = f.boolean("include_deleted");
+        lr.cursor = f.string("cursor", false);
+        ListPage page = service_.list(account, lr);
+        json::array entries;
+        for (const auto& le : page.entries) {
+            entries.push_back(entryJson(le.entry, lr.includeParts ? &le.parts : nullptr));
+        }
+        return jsonAnswer(
+            json::object{{"entries", std::move(entries)}, {"more", page.more}, {"cursor", page.cursor}});
+    }
+    if (op == "parts/missing") {
+        json::array missing;
+        for (auto& fp : service_.missingParts(account, f.strings("fingerprints"))) missing.emplace_back(fp);
+        return jsonAnswer(json::object{{"missing", std::move(missing)}});
+    }
+    if (op == "files/create") {
+        std::optional<std::int64_t> modified;
+        if (f.find("modified")) {
+            const json::value* m = f.find("modified");
+            if (!m->is_int64() && !m->is_uint64()) throw ApiError(ErrorCode::BadInput, "\"modified\" must be an integer");
+            modified = m->is_int64() ? m->as_int64() : static_cast<std::int64_t>(m->as_uint64());
+        }
+        Entry e = service_.createFile(account, f.string("path"), f.parts("parts"), modified);
+        return jsonAnswer(json::object{{"entry", entryJson(e, nullptr)}});
+    }
+    if (op == "parts/download") {
+        const auto id = f.unsignedInt("id", 0, true);
+        auto parts = service_.downloadParts(account, static_cast<EntryId>(id), f.strings("fingerprints"));
+        json::array manifest;
+        std::size_t total = 0;
+        for (const auto& p : parts) {
+            const char* status = p.status == DownloadedPart::Status::Ok       ? "ok"
+                                 : p.status == DownloadedPart::Status::Later ? "later"
+                                                                             : "missing";
+            manifest.push_back(
+                json::object{{"fingerprint", p.fingerprint}, {"size", p.bytes.size()}, {"status", status}});
+            total += p.bytes.size();
+        }
+        HttpResponse r;
+        r.contentType = "application/octet-stream";
+        r.body = json::serialize(json::object{{"parts", std::move(manifest)}});
+        r.body += '\n';
+        r.body.reserve(r.body.size() + total);
+        for (const auto& p : parts) r.body += p.bytes;
+        return r;
+    }
+    if (op == "folders/create") {
+        return jsonAnswer(json::object{{"entry", entryJson(service_.makeFolder(account, f.string("path")), nullptr)}});
+    }
+    if (op == "delete") {
+        return jsonAnswer(changeJson(service_.remove(account, f.string("path")), "deleted"));
+    }
+    if (op == "undelete") {
+        auto selector = f.unsignedInt("deleted", kLatestDeleted);
+        return jsonAnswer(changeJson(service_.undelete(account, f.string("path"), selector), "restored"));
+    }
+    if (op == "links/create") {
+        std::string linkToken = service_.createLink(account, f.strings("paths"));
+        std::string authority = usableHost(req.host) ? req.host : defaultAuthority_;
+        std::string link = std::string(req.tls ? "https://" : "http://") + authority + std::string(kPublic) + linkToken;
+        return jsonAnswer(json::object{{"link", link}, {"token", linkToken}});
+    }
+    unknownEndpoint(req);
+}
+
+}  // namespace zarnu::cloud

@@ -1,0 +1,156 @@
+#include "CommandLine.h"
+
+#include <arpa/inet.h>
+
+#include <charconv>
+
+namespace zarnu::cloud {
+
+namespace {
+
+bool isIpv4(const std::string& s) {
+    in_addr a{};
+    return inet_pton(AF_INET, s.c_str(), &a) == 1;
+}
+
+bool isIpv6(const std::string& s) {
+    in6_addr a{};
+    return inet_pton(AF_INET6, s.c_str(), &a) == 1;
+}
+
+void parseListen(std::string_view value, CommandLine& out) {
+    auto bad = [&](const std::string& why) {
+        return UsageError("invalid --listen \"" + std::string(value) + "\": " + why);
+    };
+    std::string host;
+    std::string_view port;
+    if (!value.empty() && value.front() == '[') {
+        auto close = value.find(']');
+        if (close == std::string_view::npos || close + 1 >= value.size() || value[close + 1] != ':')
+            throw bad("expected [IPv6]:PORT");
+        host = std::string(value.substr(1, close - 1));
+        port = value.substr(close + 2);
+    } else {
+        auto colon = value.rfind(':');
+        if (colon == std::string_view::npos) throw bad("expected HOST:PORT");
+        host = std::string(value.substr(0, colon));
+        port = value.substr(colon + 1);
+    }
+    if (host == "localhost") host = "127.0.0.1";
+    if (!isIpv4(host) && !isIpv6(host)) throw bad("the host must be an IP address or localhost");
+    unsigned p = 0;
+    auto [end, ec] = std::from_chars(port.data(), port.data() + port.size(), p);
+    if (port.empty() || ec != std::errc() || end != port.data() + port.size() || p > 65535)
+        throw bad("the port must be a number from 0 to 65535");
+    out.host = host;
+    out.port = static_cast<unsigned short>(p);
+}
+
+}  // namespace
+
+bool isLoopbackHost(std::string_view hostView) {
+    std::string host(hostView);
+    if (host == "localhost") return true;
+    in_addr a4{};
+    if (inet_pton(AF_INET, host.c_str(), &a4) == 1) return (ntohl(a4.s_addr) >> 24) == 127;
+    in6_addr a6{};
+    if (inet_pton(AF_INET6, host.c_str(), &a6) == 1) {
+        if (IN6_IS_ADDR_LOOPBACK(&a6)) return true;
+        if (IN6_IS_ADDR_V4MAPPED(&a6)) return a6.s6_addr[12] == 127;
+    }
+    return false;
+}
+
+std::string CommandLine::usage() {
+    return R"(zarnu-cloud: the Zarnu cloud service
+
+Usage:
+  zarnu-cloud serve [--data DIR] [--listen HOST:PORT]
+                    [--tls-cert FILE --tls-key FILE | --self-signed | --http]
+  zarnu-cloud user add NAME [--data DIR]     (password: one line on standard input)
+  zarnu-cloud user list [--data DIR]
+  zarnu-cloud -h | --help
+
+Options:
+  --data DIR           data folder (default $HOME/.zarnu-cloud)
+  --listen HOST:PORT   address to listen on (default 127.0.0.1:8443; port 0 picks a
+                       free port; IPv6 as [::1]:8443)
+  --self-signed        HTTPS with a certificate made on first start and kept in the
+                       data folder as cert.pem/key.pem (the default)
+  --tls-cert FILE      HTTPS with this PEM certificate chain (needs --tls-key)
+  --tls-key FILE       PEM private key for --tls-cert
+  --http               plain HTTP; only on loopback addresses
+
+Once serving, prints "listening on <url>". SIGINT/SIGTERM stop it.
+The API is described in docs/cloud-api.md.
+)";
+}
+
+CommandLine CommandLine::parse(const std::vector<std::string>& args, const char* home) {
+    CommandLine cl;
+    std::size_t i = 0;
+    auto next = [&](const std::string& option) -> std::string {
+        if (i + 1 >= args.size()) throw UsageError("option " + option + " needs a value");
+        return args[++i];
+    };
+    if (args.empty()) throw UsageError("no command given (try --help)");
+    if (args[0] == "-h" || args[0] == "--help" || args[0] == "help") return cl;
+    if (args[0] == "serve") {
+        cl.command = Command::Serve;
+        i = 1;
+    } else if (args[0] == "user") {
+        if (args.size() < 2) throw UsageError("\"user\" needs a subcommand: add or list");
+        if (args[1] == "add") {
+            if (args.size() < 3 || args[2].rfind("-", 0) == 0) throw UsageError("\"user add\" needs a user NAME");
+            cl.command = Command::UserAdd;
+            cl.userName = args[2];
+            i = 3;
+        } else if (args[1] == "list") {
+            cl.command = Command::UserList;
+            i = 2;
+        } else {
+            throw UsageError("unknown user subcommand \"" + args[1] + "\" (use add or list)");
+        }
+    } else {
+        throw UsageError("unknown command \"" + args[0] + "\" (try --help)");
+    }
+
+    bool selfSigned = false, http = false;
+    for (; i < args.size(); ++i) {
+        const std::string& a = args[i];
+        if (a == "-h" || a == "--help") return CommandLine{};
+        if (a == "--data") {
+            cl.dataDir = next(a);
+            if (cl.dataDir.empty()) throw UsageError("--data needs a folder");
+        } else if (cl.command == Command::Serve && a == "--listen") {
+            parseListen(next(a), cl);
+        } else if (cl.command == Command::Serve && a == "--tls-cert") {
+            cl.certFile = next(a);
+        } else if (cl.command == Command::Serve && a == "--tls-key") {
+            cl.keyFile = next(a);
+        } else if (cl.command == Command::Serve && a == "--self-signed") {
+            selfSigned = true;
+        } else if (cl.command == Command::Serve && a == "--http") {
+            http = true;
+        } else {
+            throw UsageError("unknown option \"" + a + "\" (try --help)");
+        }
+    }
+    const bool files = !cl.certFile.empty() || !cl.keyFile.empty();
+    if (int(selfSigned) + int(http) + int(files) > 1)
+        throw UsageError("choose one of --tls-cert/--tls-key, --self-signed and --http");
+    if (files && (cl.certFile.empty() || cl.keyFile.empty()))
+        throw UsageError("--tls-cert and --tls-key must be given together");
+    if (http) cl.transport = Transport::PlainHttp;
+    if (files) cl.transport = Transport::CertificateFiles;
+    if (http && !isLoopbackHost(cl.host))
+        throw UsageError("--http is refused on the non-loopback address " + cl.host +
+                         ": plain HTTP would expose passwords and tokens; use HTTPS");
+    if (cl.dataDir.empty()) {
+        if (!home || !*home) throw UsageError("$HOME is not set: give --data DIR");
+        cl.dataDir = std::string(home) + "/.zarnu-cloud";
+    }
+    return cl;
+}
+
+}  // namespace zarnu::cloud

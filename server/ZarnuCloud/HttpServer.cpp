@@ -1,0 +1,383 @@
+#include "HttpServer.h"
+
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/post.hpp>
+#include <boost/asio/signal_set.hpp>
+#include <boost/asio/ssl.hpp>
+#include <boost/asio/strand.hpp>
+#include <boost/asio/thread_pool.hpp>
+#include <boost/beast/core.hpp>
+#include <boost/beast/http.hpp>
+#include <boost/beast/ssl.hpp>
+
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <mutex>
+#include <optional>
+#include <thread>
+
+namespace zarnu::cloud {
+
+namespace beast = boost::beast;
+namespace http = beast::http;
+namespace net = boost::asio;
+namespace ssl = net::ssl;
+using tcp = net::ip::tcp;
+
+namespace {
+
+constexpr auto kIdleTimeout = std::chrono::seconds(60);
+constexpr auto kBodyTimeout = std::chrono::seconds(300);
+constexpr auto kHandshakeTimeout = std::chrono::seconds(30);
+constexpr std::uint32_t kHeaderLimit = 16 * 1024;
+
+std::mutex logMutex;
+
+void logLine(const std::string& line) {
+    std::lock_guard lock(logMutex);
+    std::fwrite(line.data(), 1, line.size(), stderr);
+    std::fflush(stderr);
+}
+
+bool isLoopback(const net::ip::address& a) {
+    if (a.is_loopback()) return true;
+    if (a.is_v6() && a.to_v6().is_v4_mapped())
+        return net::ip::make_address_v4(net::ip::v4_mapped, a.to_v6()).is_loopback();
+    return false;
+}
+
+HttpResponse plainError(int status, int code, const char* message) {
+    HttpResponse r;
+    r.status = status;
+    r.body = std::string(R"({"error":{"code":)") + std::to_string(code) + R"(,"message":")" + message + R"("}})";
+    return r;
+}
+
+}  // namespace
+
+struct HttpServer::Impl {
+    Options options;
+    Handler handler;
+    BodyLimit bodyLimit;
+    LogPath logPath;
+    net::io_context ioc;
+    std::optional<ssl::context> sslContext;
+    tcp::acceptor acceptor{ioc};
+    net::thread_pool workers;
+    net::signal_set signals{ioc, SIGINT, SIGTERM};
+
+    Impl(Options o, Handler h, BodyLimit b, LogPath l)
+        : options(std::move(o)), handler(std::move(h)), bodyLimit(std::move(b)), logPath(std::move(l)),
+          workers(options.workerThreads ? options.workerThreads : 1) {}
+
+    void accept();
+};
+
+namespace {
+
+// One connection. Derived provides stream() and close(); everything runs on the
+// connection's strand except the request handler, which runs on the worker pool.
+template <class Derived>
+class Session {
+public:
+    Session(HttpServer::Impl& server, bool loopback) : server_(server), loopback_(loopback) {}
+
+protected:
+    Derived& self() { return static_cast<Derived&>(*this); }
+
+    void readRequest() {
+        parser_.emplace();
+        parser_->header_limit(kHeaderLimit);
+        parser_->body_limit(0);
+        beast::get_lowest_layer(self().stream()).expires_after(kIdleTimeout);
+        http::async_read_header(self().stream(), buffer_, *parser_,
+                                [s = self().shared_from_this()](beast::error_code ec, std::size_t) {
+                                    s->onHeader(ec);
+                                });
+    }
+
+private:
+    void onHeader(beast::error_code ec) {
+        if (ec == http::error::end_of_stream) return self().close();
+        if (ec) return failRead(ec);
+        start_ = std::chrono::steady_clock::now();
+        auto& req = parser_->get();
+        method_ = std::string(req.method_string());
+        std::string_view target = req.target();
+        path_ = std::string(target.substr(0, target.find('?')));
+        const std::size_t limit = server_.bodyLimit(method_, path_);
+        if (auto length = parser_->content_length(); length && *length > limit)
+            return respondAndClose(plainError(413, 175, "The request is too large"));
+        parser_->body_limit(limit);
+        beast::get_lowest_layer(self().stream()).expires_after(kBodyTimeout);
+        if (beast::iequals(req[http::field::expect], "100-continue")) {
+            auto cont = std::make_shared<http::response<http::empty_body>>(http::status::continue_, 11);
+            http::async_write(self().stream(), *cont,
+                              [s = self().shared_from_this(), cont](beast::error_code ec, std::size_t) {
+                                  if (ec) return s->self().close();
+                                  s->readBody();
+                              });
+            return;
+        }
+        readBody();
+    }
+
+    void readBody() {
+        http::async_read(self().stream(), buffer_, *parser_,
+                         [s = self().shared_from_this()](beast::error_code ec, std::size_t) { s->onBody(ec); });
+    }
+
+    void failRead(beast::error_code ec) {
+        if (ec == http::error::body_limit || ec == http::error::header_limit)
+            return respondAndClose(plainError(413, 175, "The request is too large"));
+        if (ec.category() == http::error::make_error_code(http::error::bad_target).category())
+            return respondAndClose(plainError(400, 55, "Malformed HTTP request"));
+        self().close();
+    }
+
+    void onBody(beast::error_code ec) {
+        if (ec) return failRead(ec);
+        auto& req = parser_->get();
+        keepAlive_ = req.keep_alive();
+        auto request = std::make_shared<HttpRequest>();
+        request->method = method_;
+        request->path = path_;
+        request->authorization = std::string(req[http::field::authorization]);
+        request->host = std::string(req[http::field::host]);
+        request->body = std::move(req.body());
+        request->loopbackPeer = loopback_;
+        request->tls = Derived::kTls;
+        net::post(server_.workers, [s = self().shared_from_this(), request] {
+            auto response = std::make_shared<HttpResponse>(s->server_.handler(*request));
+            net::post(s->self().stream().get_executor(), [s, response] { s->write(std::move(*response)); });
+        });
+    }
+
+    void respondAndClose(HttpResponse r) {
+        keepAlive_ = false;
+        if (method_.empty()) method_ = "-";
+        write(std::move(r));
+    }
+
+    void write(HttpResponse r) {
+        status_ = r.status;
+        if (r.stream) return writeStream(std::move(r));
+        auto msg = std::make_shared<http::response<http::string_body>>(static_cast<http::status>(r.status), 11);
+        msg->set(http::field::server, "zarnu-cloud");
+        msg->set(http::field::content_type, r.contentType);
+        for (auto& [name, value] : r.headers) msg->set(name, value);
+        msg->body() = std::move(r.body);
+        msg->keep_alive(keepAlive_);
+        msg->prepare_payload();
+        http::async_write(self().stream(), *msg,
+                          [s = self().shared_from_this(), msg](beast::error_code ec, std::size_t n) {
+                              s->onWritten(ec, msg->body().size());
+                          });
+    }
+
+    struct Streaming {
+        http::response<http::buffer_body> res;
+        std::optional<http::response_serializer<http::buffer_body>> serializer;
+        std::unique_ptr<BodySource> source;
+        std::string chunk;
+        std::uint64_t sent = 0;
+    };
+
+    void writeStream(HttpResponse r) {
+        auto st = std::make_shared<Streaming>();
+        st->res.result(static_cast<http::status>(r.status));
+        st->res.version(11);
+        st->res.set(http::field::server, "zarnu-cloud");
+        st->res.set(http::field::content_type, r.contentType);
+        for (auto& [name, value] : r.headers) st->res.set(name, value);
+        st->res.content_length(r.streamSize);
+        st->res.keep_alive(keepAlive_);
+        st->res.body().data = nullptr;
+        st->res.body().more = true;
+        st->source = std::move(r.stream);
+        st->serializer.emplace(st->res);
+        http::async_write_header(self().stream(), *st->serializer,
+                                 [s = self().shared_from_this(), st](beast::error_code ec, std::size_t) {
+                                     if (ec) return s->onWritten(ec, 0);
+                                     s->nextChunk(st);
+                                 });
+    }
+
+    void nextChunk(const std::shared_ptr<Streaming>& st) {
+        bool more;
+        try {
+            more = st->source->next(st->chunk);
+        } catch (const std::exception& e) {
+            logLine("error: " + server_.logPath(path_) + ": " + e.what() + "\n");
+            keepAlive_ = false;
+            return onWritten(beast::error_code(net::error::broken_pipe), st->sent);
+        }
+        auto& body = st->res.body();
+        if (more) {
+            body.data = st->chunk.data();
+            body.size = st->chunk.size();
+            body.more = true;
+            st->sent += st->chunk.size();
+        } else {
+            body.data = nullptr;
+            body.size = 0;
+            body.more = false;
+        }
+        http::async_write(self().stream(), *st->serializer,
+                          [s = self().shared_from_this(), st](beast::error_code ec, std::size_t) {
+                              if (ec == http::error::need_buffer) ec = {};
+                              if (ec) return s->onWritten(ec, st->sent);
+                              if (st->serializer->is_done()) return s->onWritten(ec, st->sent);
+                              s->nextChunk(st);
+                          });
+    }
+
+    void onWritten(beast::error_code ec, std::size_t bytes) {
+        const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - start_);
+        logLine(method_ + " " + server_.logPath(path_) + " " + std::to_string(status_) + " " + std::to_string(bytes) +
+                " " + std::to_string(ms.count()) + "ms\n");
+        if (ec || !keepAlive_) return self().close();
+        readRequest();
+    }
+
+protected:
+    HttpServer::Impl& server_;
+
+private:
+    bool loopback_;
+    beast::flat_buffer buffer_;
+    std::optional<http::request_parser<http::string_body>> parser_;
+    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+    std::string method_;
+    std::string path_;
+    int status_ = 0;
+    bool keepAlive_ = true;
+};
+
+class PlainSession : public Session<PlainSession>, public std::enable_shared_from_this<PlainSession> {
+public:
+    static constexpr bool kTls = false;
+    PlainSession(HttpServer::Impl& server, tcp::socket socket, bool loopback)
+        : Session(server, loopback), stream_(std::move(socket)) {}
+    void start() {
+        net::dispatch(stream_.get_executor(), [s = shared_from_this()] { s->readRequest(); });
+    }
+    beast::tcp_stream& stream() { return stream_; }
+    void close() {
+        beast::error_code ec;
+        stream_.socket().shutdown(tcp::socket::shutdown_send, ec);
+        stream_.socket().close(ec);
+    }
+
+private:
+    friend class Session<PlainSession>;
+    beast::tcp_stream stream_;
+};
+
+class TlsSession : public Session<TlsSession>, public std::enable_shared_from_this<TlsSession> {
+public:
+    static constexpr bool kTls = true;
+    TlsSession(HttpServer::Impl& server, tcp::socket socket, ssl::context& ctx, bool loopback)
+        : Session(server, loopback), stream_(std::move(socket), ctx) {}
+    void start() {
+        net::dispatch(stream_.get_executor(), [s = shared_from_this()] {
+            beast::get_lowest_layer(s->stream_).expires_after(kHandshakeTimeout);
+            s->stream_.async_handshake(ssl::stream_base::server, [s](beast::error_code ec) {
+                if (ec) return s->closeSocket();
+                s->readRequest();
+            });
+        });
+    }
+    beast::ssl_stream<beast::tcp_stream>& stream() { return stream_; }
+    void close() {
+        beast::get_lowest_layer(stream_).expires_after(std::chrono::seconds(5));
+        stream_.async_shutdown([s = shared_from_this()](beast::error_code) { s->closeSocket(); });
+    }
+
+private:
+    void closeSocket() {
+        beast::error_code ec;
+        beast::get_lowest_layer(stream_).socket().close(ec);
+    }
+    friend class Session<TlsSession>;
+    beast::ssl_stream<beast::tcp_stream> stream_;
+};
+
+}  // namespace
+
+void HttpServer::Impl::accept() {
+    acceptor.async_accept(net::make_strand(ioc), [this](beast::error_code ec, tcp::socket socket) {
+        if (ec == net::error::operation_aborted || !acceptor.is_open()) return;
+        if (!ec) {
+            beast::error_code peerEc;
+            auto peer = socket.remote_endpoint(peerEc);
+            const bool loopback = !peerEc && isLoopback(peer.address());
+            socket.set_option(tcp::no_delay(true), peerEc);
+            if (sslContext)
+                std::make_shared<TlsSession>(*this, std::move(socket), *sslContext, loopback)->start();
+            else
+                std::make_shared<PlainSession>(*this, std::move(socket), loopback)->start();
+        }
+        accept();
+    });
+}
+
+HttpServer::HttpServer(Options options, Handler handler, BodyLimit bodyLimit, LogPath logPath)
+    : impl_(std::make_unique<Impl>(std::move(options), std::move(handler), std::move(bodyLimit), std::move(logPath))) {}
+
+HttpServer::~HttpServer() {
+    stop();
+    impl_->workers.join();
+}
+
+std::string HttpServer::listen() {
+    Impl& s = *impl_;
+    if (s.options.tls) {
+        s.sslContext.emplace(ssl::context::tls_server);
+        s.sslContext->set_options(ssl::context::default_workarounds | ssl::context::no_sslv2 |
+                                  ssl::context::no_sslv3 | ssl::context::no_tlsv1 | ssl::context::no_tlsv1_1);
+        beast::error_code ec;
+        s.sslContext->use_certificate_chain_file(s.options.certFile, ec);
+        if (ec) throw std::runtime_error("cannot load TLS certificate " + s.options.certFile + ": " + ec.message());
+        s.sslContext->use_private_key_file(s.options.keyFile, ssl::context::pem, ec);
+        if (ec) throw std::runtime_error("cannot load TLS key " + s.options.keyFile + ": " + ec.message());
+    }
+    beast::error_code ec;
+    auto address = net::ip::make_address(s.options.host, ec);
+    if (ec) throw std::runtime_error("invalid listen address " + s.options.host);
+    tcp::endpoint endpoint(address, s.options.port);
+    const std::string where = s.options.host + ":" + std::to_string(s.options.port);
+    s.acceptor.open(endpoint.protocol(), ec);
+    if (!ec) s.acceptor.set_option(net::socket_base::reuse_address(true), ec);
+    if (!ec) s.acceptor.bind(endpoint, ec);
+    if (!ec) s.acceptor.listen(net::socket_base::max_listen_connections, ec);
+    if (ec) throw std::runtime_error("cannot listen on " + where + ": " + ec.message());
+    const auto port = s.acceptor.local_endpoint().port();
+    const std::string host = address.is_v6() ? "[" + s.options.host + "]" : s.options.host;
+    return std::string(s.options.tls ? "https://" : "http://") + host + ":" + std::to_string(port) + "/";
+}
+
+void HttpServer::run() {
+    Impl& s = *impl_;
+    s.signals.async_wait([this](beast::error_code ec, int) {
+        if (!ec) stop();
+    });
+    s.accept();
+    std::vector<std::thread> threads;
+    for (unsigned i = 1; i < std::max(1u, s.options.ioThreads); ++i) threads.emplace_back([&s] { s.ioc.run(); });
+    s.ioc.run();
+    for (auto& t : threads) t.join();
+}
+
+void HttpServer::stop() {
+    Impl& s = *impl_;
+    net::post(s.ioc, [&s] {
+        beast::error_code ec;
+        s.acceptor.close(ec);
+        s.signals.cancel(ec);
+        s.ioc.stop();
+    });
+}
+
+}  // namespace zarnu::cloud

@@ -1,0 +1,117 @@
+// zarnu-cloud: entry point. Parses the command line, opens the stores in the data
+// folder and either serves or manages users.
+
+#include "ApiError.h"
+#include "ApiRouter.h"
+#include "CloudService.h"
+#include "CommandLine.h"
+#include "FolderPartStore.h"
+#include "HttpServer.h"
+#include "Secrets.h"
+#include "SelfSignedCert.h"
+#include "SqliteMetadataStore.h"
+
+#include <sys/stat.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+#include <thread>
+
+using namespace zarnu::cloud;
+
+namespace {
+
+void prepareDataDir(const std::filesystem::path& dir) {
+    std::error_code ec;
+    std::filesystem::create_directories(dir, ec);
+    if (ec || !std::filesystem::is_directory(dir))
+        throw std::runtime_error("cannot create the data folder " + dir.string() +
+                                 (ec ? ": " + ec.message() : std::string(": not a folder")));
+    ::chmod(dir.c_str(), 0700);
+}
+
+int serve(const CommandLine& cl) {
+    const std::filesystem::path data = cl.dataDir;
+    prepareDataDir(data);
+    SqliteMetadataStore meta(data / "meta.sqlite");
+    FolderPartStore parts(data / "parts");
+    Stats stats;
+    CloudService service(meta, parts, stats);
+
+    HttpServer::Options options;
+    options.host = cl.host;
+    options.port = cl.port;
+    if (cl.transport == CommandLine::Transport::SelfSigned) {
+        options.certFile = (data / "cert.pem").string();
+        options.keyFile = (data / "key.pem").string();
+        SelfSignedCert::ensure(options.certFile, options.keyFile);
+        options.tls = true;
+    } else if (cl.transport == CommandLine::Transport::CertificateFiles) {
+        options.certFile = cl.certFile;
+        options.keyFile = cl.keyFile;
+        options.tls = true;
+    }
+    const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
+    options.ioThreads = std::min(cores, 4u);
+    options.workerThreads = std::max(4u, cores * 2);
+
+    const std::string authority = (cl.host.find(':') != std::string::npos ? "[" + cl.host + "]" : cl.host);
+    auto router = std::make_shared<ApiRouter>(service, authority + ":" + std::to_string(cl.port));
+    HttpServer server(
+        options, [router](const HttpRequest& r) { return router->handle(r); },
+        [](std::string_view m, std::string_view p) { return ApiRouter::bodyLimit(m, p); },
+        [](std::string_view p) { return ApiRouter::loggablePath(p); });
+    const std::string url = server.listen();
+    std::cout << "listening on " << url << std::endl;
+    server.run();
+    std::cerr << "zarnu-cloud: stopped" << std::endl;
+    return 0;
+}
+
+int userAdd(const CommandLine& cl) {
+    prepareDataDir(cl.dataDir);
+    std::string password;
+    if (!std::getline(std::cin, password)) throw std::runtime_error("no password on standard input");
+    if (!password.empty() && password.back() == '\r') password.pop_back();
+    SqliteMetadataStore meta(std::filesystem::path(cl.dataDir) / "meta.sqlite", 1);
+    FolderPartStore parts(std::filesystem::path(cl.dataDir) / "parts");
+    Stats stats;
+    CloudService service(meta, parts, stats);
+    service.addUser(cl.userName, password);
+    std::cout << "user " << cl.userName << " added" << std::endl;
+    return 0;
+}
+
+int userList(const CommandLine& cl) {
+    SqliteMetadataStore meta(std::filesystem::path(cl.dataDir) / "meta.sqlite", 1);
+    for (const auto& a : meta.accounts()) std::cout << a.name << "\n";
+    return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::signal(SIGPIPE, SIG_IGN);
+    CommandLine cl;
+    try {
+        cl = CommandLine::parse(std::vector<std::string>(argv + 1, argv + argc), std::getenv("HOME"));
+    } catch (const UsageError& e) {
+        std::cerr << "zarnu-cloud: " << e.what() << std::endl;
+        return 2;
+    }
+    try {
+        Secrets::initialize();
+        switch (cl.command) {
+        case CommandLine::Command::Help: std::cout << CommandLine::usage(); return 0;
+        case CommandLine::Command::Serve: return serve(cl);
+        case CommandLine::Command::UserAdd: return userAdd(cl);
+        case CommandLine::Command::UserList: return userList(cl);
+        }
+    } catch (const std::exception& e) {
+        std::cerr << "zarnu-cloud: " << e.what() << std::endl;
+        return 1;
+    }
+    return 1;
+}

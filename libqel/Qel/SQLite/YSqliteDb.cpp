@@ -248,15 +248,26 @@ void YSqliteDb::RunInTransaction(const std::function<void()>& work) {
 
 YTransaction::YTransaction(YSqliteDb& db) : db_(db) {
   db_.OpenForWrite();
-  db_.BeginImmediate();
+  nested_ = db_.IsInTransaction();
+  if (nested_) {
+    // The outer transaction already holds the write lock.
+    db_.Execute("SAVEPOINT qel_nested");
+  } else {
+    db_.BeginImmediate();
+  }
 }
 
 YTransaction::~YTransaction() {
-  if (!done_ && db_.IsInTransaction()) sqlite3_exec(db_.db_, "ROLLBACK", nullptr, nullptr, nullptr);
+  if (done_ || !db_.IsInTransaction()) return;
+  if (nested_) {
+    sqlite3_exec(db_.db_, "ROLLBACK TO qel_nested; RELEASE qel_nested", nullptr, nullptr, nullptr);
+  } else {
+    sqlite3_exec(db_.db_, "ROLLBACK", nullptr, nullptr, nullptr);
+  }
 }
 
 void YTransaction::Commit() {
-  const int rc = sqlite3_exec(db_.db_, "COMMIT", nullptr, nullptr, nullptr);
+  const int rc = sqlite3_exec(db_.db_, nested_ ? "RELEASE qel_nested" : "COMMIT", nullptr, nullptr, nullptr);
   if (rc != SQLITE_OK) db_.RaiseError(rc, "Commit");
   done_ = true;
 }

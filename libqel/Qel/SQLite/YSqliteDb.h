@@ -124,7 +124,9 @@ class YSqliteDb {
 
 // A write transaction: BEGIN IMMEDIATE on construction (opening the database
 // for writing first), COMMIT with Commit(), ROLLBACK on destruction when not
-// committed.
+// committed. Made while another transaction is open, it is a savepoint
+// within that one: Commit releases it and destruction undoes only its own
+// changes.
 class YTransaction {
  public:
   explicit YTransaction(YSqliteDb& db);
@@ -136,6 +138,7 @@ class YTransaction {
 
  private:
   YSqliteDb& db_;
+  bool nested_ = false;
   bool done_ = false;
 };
 

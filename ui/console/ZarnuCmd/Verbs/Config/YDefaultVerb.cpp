@@ -1,6 +1,6 @@
 #include "Verbs/Config/YDefaultVerb.h"
 
-#include "NotAvailable.h"
+#include "Qel/Log/YConsoleLogger.h"
 #include "Verbs/Config/YConfigVerbModule.h"
 
 namespace Config {
@@ -13,7 +13,11 @@ YDefaultVerb::YDefaultVerb(Qel::Application::YConsoleMain* app, YConfigVerbModul
       module_(module) {}
 
 void YDefaultVerb::Execute(unsigned int& exitCode) {
-  RaiseNotAvailableYet(*this, "ui/console/ZarnuCmd/Verbs/Config/YDefaultVerb");
+  ParseParams(exitCode);
+  const Qel::YString name = GetArgument("option name");
+  const Qel::YString value = module_->GetOptionDefault(name);
+  module_->PutOption(name, value);
+  GetApp()->GetLogger() << "Successfully applied option" << Qel::Log::Ctl::EndLine;
 }
 
 }  // namespace Config

@@ -1,6 +1,6 @@
 #include "Verbs/Config/YGetVerb.h"
 
-#include "NotAvailable.h"
+#include "Qel/Log/YConsoleLogger.h"
 #include "Verbs/Config/YConfigVerbModule.h"
 
 namespace Config {
@@ -13,7 +13,10 @@ YGetVerb::YGetVerb(Qel::Application::YConsoleMain* app, YConfigVerbModule* modul
       module_(module) {}
 
 void YGetVerb::Execute(unsigned int& exitCode) {
-  RaiseNotAvailableYet(*this, "ui/console/ZarnuCmd/Verbs/Config/YGetVerb");
+  ParseParams(exitCode);
+  const Qel::YString name = GetArgument("config name");
+  const Qel::YString value = module_->GetOption(name);
+  GetApp()->GetLogger() << value << Qel::Log::Ctl::EndLine;
 }
 
 }  // namespace Config

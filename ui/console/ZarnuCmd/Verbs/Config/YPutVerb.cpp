@@ -1,6 +1,6 @@
 #include "Verbs/Config/YPutVerb.h"
 
-#include "NotAvailable.h"
+#include "Qel/Log/YConsoleLogger.h"
 #include "Verbs/Config/YConfigVerbModule.h"
 
 namespace Config {
@@ -13,7 +13,11 @@ YPutVerb::YPutVerb(Qel::Application::YConsoleMain* app, YConfigVerbModule* modul
       module_(module) {}
 
 void YPutVerb::Execute(unsigned int& exitCode) {
-  RaiseNotAvailableYet(*this, "ui/console/ZarnuCmd/Verbs/Config/YPutVerb");
+  ParseParams(exitCode);
+  const Qel::YString value = GetArgument("option value");
+  const Qel::YString name = GetArgument("option name");
+  module_->PutOption(name, value);
+  GetApp()->GetLogger() << "Successfully applied option" << Qel::Log::Ctl::EndLine;
 }
 
 }  // namespace Config

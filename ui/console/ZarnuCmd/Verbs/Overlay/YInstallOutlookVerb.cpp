@@ -1,6 +1,6 @@
 #include "Verbs/Overlay/YInstallOutlookVerb.h"
 
-#include "NotAvailable.h"
+#include "Qel/Log/YConsoleLogger.h"
 #include "Verbs/Overlay/YOverlayVerbModule.h"
 
 namespace Overlay {
@@ -13,7 +13,8 @@ YInstallOutlookVerb::YInstallOutlookVerb(Qel::Application::YConsoleMain* app, YO
       module_(module) {}
 
 void YInstallOutlookVerb::Execute(unsigned int& exitCode) {
-  RaiseNotAvailableYet(*this, "ui/console/ZarnuCmd/Verbs/Overlay/YInstallOutlookVerb");
+  module_->InstallOutlookAddin();
+  GetApp()->GetLogger() << "Successfully installed Zarnu outlook addin on this machine" << Qel::Log::Ctl::EndLine;
 }
 
 }  // namespace Overlay

@@ -1,6 +1,6 @@
 #include "Verbs/Overlay/YInstallVerb.h"
 
-#include "NotAvailable.h"
+#include "Qel/Log/YConsoleLogger.h"
 #include "Verbs/Overlay/YOverlayVerbModule.h"
 
 namespace Overlay {
@@ -13,7 +13,8 @@ YInstallVerb::YInstallVerb(Qel::Application::YConsoleMain* app, YOverlayVerbModu
       module_(module) {}
 
 void YInstallVerb::Execute(unsigned int& exitCode) {
-  RaiseNotAvailableYet(*this, "ui/console/ZarnuCmd/Verbs/Overlay/YInstallVerb");
+  module_->InstallOverlay();
+  GetApp()->GetLogger() << "Successfully installed Zarnu overlay on this machine" << Qel::Log::Ctl::EndLine;
 }
 
 }  // namespace Overlay

@@ -1,6 +1,6 @@
 #include "Verbs/Overlay/YRemoveOutlookVerb.h"
 
-#include "NotAvailable.h"
+#include "Qel/Log/YConsoleLogger.h"
 #include "Verbs/Overlay/YOverlayVerbModule.h"
 
 namespace Overlay {
@@ -13,7 +13,8 @@ YRemoveOutlookVerb::YRemoveOutlookVerb(Qel::Application::YConsoleMain* app, YOve
       module_(module) {}
 
 void YRemoveOutlookVerb::Execute(unsigned int& exitCode) {
-  RaiseNotAvailableYet(*this, "ui/console/ZarnuCmd/Verbs/Overlay/YRemoveOutlookVerb");
+  module_->RemoveOutlookAddin();
+  GetApp()->GetLogger() << "Successfully un-installed Zarnu outlook addin from this machine" << Qel::Log::Ctl::EndLine;
 }
 
 }  // namespace Overlay

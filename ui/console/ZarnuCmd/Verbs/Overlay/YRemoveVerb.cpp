@@ -1,6 +1,6 @@
 #include "Verbs/Overlay/YRemoveVerb.h"
 
-#include "NotAvailable.h"
+#include "Qel/Log/YConsoleLogger.h"
 #include "Verbs/Overlay/YOverlayVerbModule.h"
 
 namespace Overlay {
@@ -13,7 +13,8 @@ YRemoveVerb::YRemoveVerb(Qel::Application::YConsoleMain* app, YOverlayVerbModule
       module_(module) {}
 
 void YRemoveVerb::Execute(unsigned int& exitCode) {
-  RaiseNotAvailableYet(*this, "ui/console/ZarnuCmd/Verbs/Overlay/YRemoveVerb");
+  module_->RemoveOverlay();
+  GetApp()->GetLogger() << "Successfully un-installed Zarnu overlay from this machine" << Qel::Log::Ctl::EndLine;
 }
 
 }  // namespace Overlay

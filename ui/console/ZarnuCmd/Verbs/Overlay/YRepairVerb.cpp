@@ -1,6 +1,6 @@
 #include "Verbs/Overlay/YRepairVerb.h"
 
-#include "NotAvailable.h"
+#include "Qel/Log/YConsoleLogger.h"
 #include "Verbs/Overlay/YOverlayVerbModule.h"
 
 namespace Overlay {
@@ -13,7 +13,11 @@ YRepairVerb::YRepairVerb(Qel::Application::YConsoleMain* app, YOverlayVerbModule
       module_(module) {}
 
 void YRepairVerb::Execute(unsigned int& exitCode) {
-  RaiseNotAvailableYet(*this, "ui/console/ZarnuCmd/Verbs/Overlay/YRepairVerb");
+  // With a working agent the removal never returns: the agent then runs the
+  // removal and the install half is not reached.
+  module_->RemoveOverlay();
+  module_->InstallOverlay();
+  GetApp()->GetLogger() << "Successfully repaired Zarnu overlay" << Qel::Log::Ctl::EndLine;
 }
 
 }  // namespace Overlay

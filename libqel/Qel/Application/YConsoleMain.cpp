@@ -162,7 +162,7 @@ unsigned int YConsoleMain::Main() {
   std::vector<YString> module_names;
   YVerbModuleBase* module = nullptr;
   for (const auto& m : modules_) {
-    module_names.push_back(m->GetName());
+    if (!m->IsHidden()) module_names.push_back(m->GetName());  // hidden names are never suggested
     if (!module && MatchesName(m->GetNames(), words[0])) module = m.get();
   }
   if (!module) {
@@ -186,7 +186,7 @@ unsigned int YConsoleMain::Main() {
   std::vector<YString> verb_names;
   YVerbBase* verb = nullptr;
   for (const auto& v : module->GetVerbs()) {
-    for (const YString& n : v->GetNames()) verb_names.push_back(n);
+    if (!v->IsHidden()) verb_names.insert(verb_names.end(), v->GetNames().begin(), v->GetNames().end());
     if (!verb && MatchesName(v->GetNames(), words[1])) verb = v.get();
   }
   if (!verb) {

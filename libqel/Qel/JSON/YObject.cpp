@@ -105,7 +105,10 @@ template <>
 YObject YObject::Get<YObject>(const YString& name, unsigned int logType) const {
   const YValuePtr* v = Find(members_, name);
   if (!v || !*v) Missing(logType, "Get<Qel::JSON::YObject>", __LINE__, name);
-  return (*v)->AsObject();
+  // The const AsObject: the non-const one would turn a field of another kind
+  // into an empty object inside this (const) object.
+  const YValue& value = **v;
+  return value.AsObject();
 }
 
 template <>

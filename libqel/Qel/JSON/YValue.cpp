@@ -50,10 +50,16 @@ bj::value ToBoost(const YValue& v) {
     case YValue::Kind::kNull: return nullptr;
     case YValue::Kind::kBool: return v.AsBool();
     case YValue::Kind::kNumber: {
-      double d = v.AsDouble();
-      if (d != std::floor(d) || std::fabs(d) > 1.8e19) return d;
-      if (d < 0) return static_cast<int64_t>(v.AsInteger());
-      return static_cast<uint64_t>(v.AsNumber());
+      // Integers go out exactly, whatever their size; a double with no
+      // fraction is written as an integer while it fits one.
+      const double d = v.AsDouble();
+      if (v.IsInteger()) {
+        if (d < 0) return static_cast<int64_t>(v.AsInteger());
+        return static_cast<uint64_t>(v.AsNumber());
+      }
+      if (d != std::floor(d) || std::fabs(d) >= 9.0e18) return d;
+      if (d < 0) return static_cast<int64_t>(d);
+      return static_cast<uint64_t>(d);
     }
     case YValue::Kind::kString: return bj::string(v.AsString());
     case YValue::Kind::kObject: return ToBoostObject(v.AsObject());

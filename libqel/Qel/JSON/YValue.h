@@ -42,6 +42,8 @@ class YValue {
   bool IsString() const { return GetKind() == Kind::kString; }
   bool IsObject() const { return GetKind() == Kind::kObject; }
   bool IsArray() const { return GetKind() == Kind::kArray; }
+  // True for a number held as a 64-bit integer rather than a double.
+  bool IsInteger() const { return std::holds_alternative<int64_t>(v_) || std::holds_alternative<uint64_t>(v_); }
 
   // Conversions. AsBool: a boolean, a non-zero number, or a string that begins
   // with "true". AsNumber: an integral number (a negative one wraps), a double

@@ -27,6 +27,7 @@ YConsoleLogger::YConsoleLogger(std::FILE* out) : out_(out) {}
 YConsoleLogger::~YConsoleLogger() { Finish(); }
 
 void YConsoleLogger::Put(std::string_view text) {
+  if (line_.empty() && indent_ > 0) line_.append(indent_, ' ');
   if (width_ > text.size()) {
     std::string pad(width_ - text.size(), fill_);
     if (left_) {
@@ -77,6 +78,11 @@ YConsoleLogger& YConsoleLogger::Number(long double value, bool integral) {
 
 YConsoleLogger& YConsoleLogger::operator<<(Width w) {
   width_ = w.width;
+  return *this;
+}
+
+YConsoleLogger& YConsoleLogger::operator<<(Indent i) {
+  indent_ = i.blanks;
   return *this;
 }
 

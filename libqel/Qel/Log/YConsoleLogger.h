@@ -8,7 +8,8 @@
 //                   kept until the line ends (default: right);
 //   Ctl::SizeNumbers (5): numbers are written as sizes ("512 B", "1.50 KB",
 //                   "3.00 MB", powers of 1024), kept until the line ends;
-//   Ctl::PlainNumbers (8): numbers are written as plain decimals (default).
+//   Ctl::PlainNumbers (8): numbers are written as plain decimals (default);
+//   Indent(n)       every following line starts with n blanks (sticky).
 // Line controls:
 //   Ctl::EndLine (1): writes the line and a line break. A line whose text ends
 //                   with a carriage return gets no line break, so the next
@@ -44,6 +45,14 @@ struct Width {
   size_t width;
 };
 
+// Indentation: every line written from now on starts with this many blanks,
+// until another Indent changes it (Indent(0) ends it). Not reset by line
+// controls.
+struct Indent {
+  explicit Indent(size_t n) : blanks(n) {}
+  size_t blanks;
+};
+
 struct Fill {
   explicit Fill(char c) : fill(c) {}
   char fill;
@@ -75,6 +84,7 @@ class YConsoleLogger {
   YConsoleLogger& operator<<(Ctl control);
   YConsoleLogger& operator<<(Width w);
   YConsoleLogger& operator<<(Fill f);
+  YConsoleLogger& operator<<(Indent i);
 
   // Ends an unfinished line that a carriage return left open (call at exit).
   void Finish();
@@ -91,6 +101,7 @@ class YConsoleLogger {
   bool left_ = false;
   bool sizes_ = false;
   bool carriage_open_ = false;
+  size_t indent_ = 0;
 };
 
 }  // namespace Qel::Log

@@ -11,16 +11,30 @@
 // data folder's "ca.pem" when it exists); verification can be switched off.
 // Plain http:// addresses work as given.
 //
+// Errors that come from this client itself: 177 for a call before Login,
+// 163 (from YCurlObj) when no answer arrives, 161 for an answer that is not
+// the JSON the call expects, 168 for a malformed binary parts answer, 169 for
+// a downloaded part whose bytes do not match its fingerprint or size, 186 for
+// a part handed to SendNeededParts whose bytes do not match its size. All are
+// raised under log type 213 (CSM_CLOUD). With log type 220 (CSM_JSON)
+// enabled, the JSON of every request and answer except logins is logged.
+//
 // Thread-safety: none; one thread uses a client at a time.
 #pragma once
 
 #include <cstdint>
 #include <list>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "CloudSync/PartInfo.h"
+#include "Qel/Exception/YError.h"
 #include "Qel/YString.h"
+
+namespace Qel::JSON {
+class YObject;
+}
 
 namespace CloudSync {
 
@@ -81,8 +95,12 @@ class YCloudApi {
   LoginResult Login(const Qel::YString& user, const Qel::YString& password);
   LoginResult Login(const Qel::YString& token);
 
+  // One page of a listing. For a plain path naming a folder, the folder
+  // itself is the first entry of every page (callers that walk a tree rely
+  // on it).
   ListResult ListPath(const ListParam& param);
 
+  // One link for all the paths (an entry given twice is linked once).
   PublicLink CreatePublicLink(const std::vector<MetadataPtr>& entries);
   PublicLink CreatePublicLink(const std::list<Qel::YString>& paths);
 
@@ -92,8 +110,10 @@ class YCloudApi {
   void Undelete(const Qel::YString& path, uint64_t deleted);
 
   // Asks which parts of `batch` the cloud lacks for this account and uploads
-  // exactly those in one request. `reserved` is 0. Returns how many parts were
-  // sent.
+  // exactly those in one request (a batch of more than five lacking parts
+  // goes in requests of five). A part named twice is sent once. Every part
+  // sent must hold its bytes (`data` of `size` bytes; else 186). `reserved`
+  // is 0. Returns how many parts were sent.
   size_t SendNeededParts(const PartList& batch, uint64_t reserved);
   // Creates (or replaces) the file at `path` from the ordered part list (only
   // fingerprints and sizes are read). Raises 162 when the cloud lacks a part.
@@ -101,14 +121,46 @@ class YCloudApi {
   // Fetches the bytes of `batch` (parts of the file version `fileId`) in one
   // request, filling each obtained part's data after checking it against its
   // fingerprint (a mismatch raises 169). Parts the service answers "later"
-  // are asked for again. Returns how many parts were obtained.
+  // are asked for again. A part the service reports missing raises 162 naming
+  // its fingerprint. Parts sharing a fingerprint are fetched once and all
+  // filled. Returns how many parts of `batch` were filled.
   size_t GetParts(const PartList& batch, uint64_t fileId);
+
+  // ---- Wire format (no network; used by the calls above and by tests) ----
+
+  // Lower-case hex MD5 of the bytes followed by their lower-case hex SHA-1.
+  static Qel::YString ComputeFingerprint(const unsigned char* data, size_t size);
+  // The error an answer other than HTTP 200 stands for: the service's
+  // {"error":{"code":N,"message":M}} gives code N with info M (no info when
+  // M only repeats the code's registered description); any other
+  // answer gives 161 naming the HTTP status and `url`. `function` labels it.
+  static Qel::Exception::YError AnswerError(long httpStatus, const std::string& body, const Qel::YString& url,
+                                            const char* function);
+  // One entry object of a listing or an answer; raises 161 when a required
+  // field (id, path, size) is missing.
+  static MetadataPtr ReadEntry(const Qel::JSON::YObject& entry);
+  // The body of a parts upload: the one-line manifest, a line feed, then the
+  // bytes of every part in order.
+  static std::string BuildUploadBody(const std::vector<PartPtr>& parts);
+  // Reads the answer to a parts download of `asked` (fingerprints in request
+  // order): checks each "ok" part's bytes against its fingerprint and the
+  // size of the parts of `batch` that carry it (169 on a mismatch), fills
+  // those parts' data and counts them in `filled`. Returns the fingerprints
+  // answered "later", in order. Raises 168 for a malformed answer and 162 for
+  // a part answered "missing".
+  static std::vector<Qel::YString> ReadPartsAnswer(const std::vector<Qel::YString>& asked, const std::string& body,
+                                                   const PartList& batch, size_t& filled);
 
   const Qel::YString& GetToken() const { return token_; }
   const Qel::YString& GetCloudAddress() const { return address_; }
   const Qel::YString& GetAgentName() const { return agent_name_; }
 
  private:
+  Qel::JSON::YObject Call(const char* endpoint, const Qel::JSON::YObject& request, bool authenticated,
+                          const char* function);
+  void RequireLogin(const char* function) const;
+  LoginResult LoginWith(const Qel::JSON::YObject& request, const char* function);
+
   Qel::YString agent_name_;
   Qel::YString address_;
   Qel::YString token_;

@@ -35,8 +35,8 @@ class YCurlObj {
   static constexpr unsigned int kLogType = 213;  // CSM_CLOUD
 
   struct Response {
-    long status = 0;                              // HTTP status of the final answer
-    std::string body;                             // bytes as received
+    long status = 0;                               // HTTP status of the final answer
+    std::string body;                              // bytes as received
     std::map<Qel::YString, Qel::YString> headers;  // names in lower case
   };
 
@@ -58,8 +58,8 @@ class YCurlObj {
   // Sends `body` (binary-safe) to `path` (relative to the base address; a
   // leading "/" is ignored). `timeout` in seconds overrides the total time-out
   // for this request when non-zero.
-  Response Post(const Qel::YString& path, const std::map<Qel::YString, Qel::YString>& headers,
-                std::string_view body, long timeout = 0);
+  Response Post(const Qel::YString& path, const std::map<Qel::YString, Qel::YString>& headers, std::string_view body,
+                long timeout = 0);
   Response Get(const Qel::YString& path, const std::map<Qel::YString, Qel::YString>& headers, long timeout = 0);
 
   // The base address joined with `path`.

@@ -1,6 +1,6 @@
 #include "Verbs/Cloud/YAuthClientVerb.h"
 
-#include "NotAvailable.h"
+#include "Qel/Exception/YError.h"
 #include "Verbs/Cloud/YCloudVerbModule.h"
 
 namespace Cloud {
@@ -13,7 +13,14 @@ YAuthClientVerb::YAuthClientVerb(Qel::Application::YConsoleMain* app, YCloudVerb
       module_(module) {}
 
 void YAuthClientVerb::Execute(unsigned int& exitCode) {
-  RaiseNotAvailableYet(*this, "ui/console/ZarnuCmd/Verbs/Cloud/YAuthClientVerb");
+  ParseParams(exitCode);
+  if (module_->GetUsername().empty() || module_->GetPassword().empty()) {
+    QEL_RAISE(15, 55, "A username and password are required", "ui/console/ZarnuCmd/Verbs/Cloud/YAuthClientVerb",
+              "Execute");
+  }
+  const CloudSync::YCloudApi::LoginResult result =
+      module_->GetApi().Login(module_->GetUsername(), module_->GetPassword());
+  GetApp()->GetLogger() << result.token << Qel::Log::Ctl::EndLine;
 }
 
 }  // namespace Cloud

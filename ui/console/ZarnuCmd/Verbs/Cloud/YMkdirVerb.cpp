@@ -1,6 +1,5 @@
 #include "Verbs/Cloud/YMkdirVerb.h"
 
-#include "NotAvailable.h"
 #include "Verbs/Cloud/YCloudVerbModule.h"
 
 namespace Cloud {
@@ -13,7 +12,9 @@ YMkdirVerb::YMkdirVerb(Qel::Application::YConsoleMain* app, YCloudVerbModule* mo
       module_(module) {}
 
 void YMkdirVerb::Execute(unsigned int& exitCode) {
-  RaiseNotAvailableYet(*this, "ui/console/ZarnuCmd/Verbs/Cloud/YMkdirVerb");
+  ParseParams(exitCode);
+  module_->Login();
+  module_->GetApi().CreateDirectory(GetArgument("path"));
 }
 
 }  // namespace Cloud

@@ -1,6 +1,5 @@
 #include "Verbs/Cloud/YRmVerb.h"
 
-#include "NotAvailable.h"
 #include "Verbs/Cloud/YCloudVerbModule.h"
 
 namespace Cloud {
@@ -13,7 +12,9 @@ YRmVerb::YRmVerb(Qel::Application::YConsoleMain* app, YCloudVerbModule* module)
       module_(module) {}
 
 void YRmVerb::Execute(unsigned int& exitCode) {
-  RaiseNotAvailableYet(*this, "ui/console/ZarnuCmd/Verbs/Cloud/YRmVerb");
+  ParseParams(exitCode);
+  module_->Login();
+  module_->GetApi().DeleteFile(GetArgument("path"));
 }
 
 }  // namespace Cloud

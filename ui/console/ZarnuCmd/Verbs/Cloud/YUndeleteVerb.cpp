@@ -1,6 +1,5 @@
 #include "Verbs/Cloud/YUndeleteVerb.h"
 
-#include "NotAvailable.h"
 #include "Verbs/Cloud/YCloudVerbModule.h"
 
 namespace Cloud {
@@ -13,7 +12,11 @@ YUndeleteVerb::YUndeleteVerb(Qel::Application::YConsoleMain* app, YCloudVerbModu
       module_(module) {}
 
 void YUndeleteVerb::Execute(unsigned int& exitCode) {
-  RaiseNotAvailableYet(*this, "ui/console/ZarnuCmd/Verbs/Cloud/YUndeleteVerb");
+  ParseParams(exitCode);
+  module_->Login();
+  const Qel::YString path = GetArgument("path");
+  module_->GetApi().Undelete(path, 0xFFFFFFFFFFFFFFFFull);  // the latest deleted state
+  GetApp()->GetLogger() << "Successfully restored \"" << path << "\"" << Qel::Log::Ctl::EndLine;
 }
 
 }  // namespace Cloud

@@ -1,6 +1,5 @@
 #include "CloudSync/YCloudApi.h"
 
-#include <openssl/evp.h>
 
 #include <algorithm>
 #include <map>
@@ -10,6 +9,7 @@
 
 #include "CloudSync/YConfigDb.h"
 #include "CloudSync/YCurlObj.h"
+#include "Qel/Crypto/YBbsHash.h"
 #include "Qel/File/File.h"
 #include "Qel/JSON/YObject.h"
 #include "Qel/JSON/YValue.h"
@@ -327,21 +327,7 @@ void YCloudApi::Undelete(const YString& path, uint64_t deleted) {
 // ------------------------------------------------------------------- parts
 
 YString YCloudApi::ComputeFingerprint(const unsigned char* data, size_t size) {
-  static const char kHex[] = "0123456789abcdef";
-  YString out;
-  out.reserve(72);
-  for (const EVP_MD* md : {EVP_md5(), EVP_sha1()}) {
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    if (EVP_Digest(data, size, digest, &length, md, nullptr) != 1) {
-      QEL_RAISE(kLogType, 1, "The digest of a part could not be computed", kFile, "ComputeFingerprint");
-    }
-    for (unsigned int i = 0; i < length; ++i) {
-      out += kHex[digest[i] >> 4];
-      out += kHex[digest[i] & 15];
-    }
-  }
-  return out;
+  return Qel::Crypto::YBbsHash::Fingerprint(data, size);
 }
 
 std::string YCloudApi::BuildUploadBody(const std::vector<PartPtr>& parts) {

@@ -1,8 +1,9 @@
 // CloudSync::YCurlObj: the HTTP layer of the cloud client, over libcurl.
 //
-// One object owns one libcurl easy handle and reuses it for every request, so
-// requests of a run share one kept-alive connection. libcurl's global set-up
-// runs once per process, on the first construction (not at program start).
+// One object owns one HTTP session (one libcurl easy handle) and reuses it
+// for every request, so requests of a run share one kept-alive connection.
+// libcurl is loaded with its module on the first construction, never at
+// program start.
 //
 // TLS: the system's CA store is always trusted; SetTrust adds the
 // certificates of one more PEM file (a private service's CA or its
@@ -18,9 +19,11 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <string>
 #include <string_view>
 
+#include "CloudSync/Http/IHttpSession.h"
 #include "Qel/YString.h"
 
 namespace CloudSync {
@@ -34,11 +37,7 @@ class YCurlObj {
   static constexpr unsigned int kTransportErrorCode = 163;
   static constexpr unsigned int kLogType = 213;  // CSM_CLOUD
 
-  struct Response {
-    long status = 0;                               // HTTP status of the final answer
-    std::string body;                              // bytes as received
-    std::map<Qel::YString, Qel::YString> headers;  // names in lower case
-  };
+  using Response = HttpResponse;
 
   // `syncInstance` is reserved (may be null). `baseAddress` is the service's
   // address ("https://host:port/"); request paths are relative to it.
@@ -70,9 +69,9 @@ class YCurlObj {
   Response Perform(bool post, const Qel::YString& path, const std::map<Qel::YString, Qel::YString>& headers,
                    std::string_view body, long timeout);
 
-  void* handle_ = nullptr;  // CURL*
   Qel::YString base_address_;
   int flags_;
+  std::unique_ptr<IHttpSession> session_;
   long total_timeout_ = 300;
   long connect_timeout_ = 300;
   Qel::YString ca_file_;

@@ -1,0 +1,53 @@
+// CloudSync::IHttpSession: one HTTP connection that performs requests.
+//
+// The libcurl implementation lives in its own module, libCloudSyncCurl.so,
+// which CreateHttpSession loads on first use: programs that never talk to a
+// service (zarnucmd -version, the Config verbs) never load libcurl and the
+// TLS stack behind it.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "Qel/YString.h"
+
+namespace CloudSync {
+
+using HttpHeaders = std::map<Qel::YString, Qel::YString>;
+
+struct HttpResponse {
+  long status = 0;      // HTTP status of the final answer
+  std::string body;     // bytes as received
+  HttpHeaders headers;  // names in lower case
+};
+
+struct HttpRequest {
+  bool post = true;
+  Qel::YString url;
+  Qel::YString baseAddress;  // named in error texts
+  const HttpHeaders* headers = nullptr;
+  std::string_view body;
+  long totalTimeout = 300;   // seconds, 0 = no limit
+  long connectTimeout = 300;
+  Qel::YString caFile;       // extra PEM trust besides the system's; empty for none
+  bool verify = true;
+  bool keepAlive = true;
+};
+
+class IHttpSession {
+ public:
+  virtual ~IHttpSession() = default;
+  // Returns any HTTP answer; raises YError when no answer arrives.
+  virtual HttpResponse Perform(const HttpRequest& request) = 0;
+};
+
+// A new session from the libcurl module beside libCloudSync.so. Raises code
+// 163 naming the module when it cannot be loaded.
+std::unique_ptr<IHttpSession> CreateHttpSession();
+
+}  // namespace CloudSync
+
+// The module's entry point: a new session, owned by the caller.
+extern "C" CloudSync::IHttpSession* zarnu_create_http_session();

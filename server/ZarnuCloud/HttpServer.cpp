@@ -10,8 +10,10 @@
 #include <boost/beast/http.hpp>
 #include <boost/beast/ssl.hpp>
 
+#include <array>
 #include <chrono>
 #include <csignal>
+#include <limits>
 #include <cstdio>
 #include <mutex>
 #include <optional>
@@ -89,7 +91,7 @@ protected:
     void readRequest() {
         parser_.emplace();
         parser_->header_limit(kHeaderLimit);
-        parser_->body_limit(0);
+        parser_->body_limit(std::numeric_limits<std::uint64_t>::max());  // narrowed once the target is known
         beast::get_lowest_layer(self().stream()).expires_after(kIdleTimeout);
         http::async_read_header(self().stream(), buffer_, *parser_,
                                 [s = self().shared_from_this()](beast::error_code ec, std::size_t) {
@@ -110,6 +112,7 @@ private:
         if (auto length = parser_->content_length(); length && *length > limit)
             return respondAndClose(plainError(413, 175, "The request is too large"));
         parser_->body_limit(limit);
+        if (auto length = parser_->content_length()) req.body().reserve(static_cast<std::size_t>(*length));
         beast::get_lowest_layer(self().stream()).expires_after(kBodyTimeout);
         if (beast::iequals(req[http::field::expect], "100-continue")) {
             auto cont = std::make_shared<http::response<http::empty_body>>(http::status::continue_, 11);
@@ -131,7 +134,7 @@ private:
     void failRead(beast::error_code ec) {
         if (ec == http::error::body_limit || ec == http::error::header_limit)
             return respondAndClose(plainError(413, 175, "The request is too large"));
-        if (ec.category() == http::error::make_error_code(http::error::bad_target).category())
+        if (ec.category() == http::make_error_code(http::error::bad_target).category())
             return respondAndClose(plainError(400, 55, "Malformed HTTP request"));
         self().close();
     }
@@ -264,15 +267,35 @@ public:
         net::dispatch(stream_.get_executor(), [s = shared_from_this()] { s->readRequest(); });
     }
     beast::tcp_stream& stream() { return stream_; }
+    /// Lingering close: after our FIN, reads and drops what the client still sends (an
+    /// unread body would make the kernel reset the connection and the client could lose
+    /// the answer), for at most a few seconds.
     void close() {
         beast::error_code ec;
         stream_.socket().shutdown(tcp::socket::shutdown_send, ec);
-        stream_.socket().close(ec);
+        if (ec) {
+            stream_.socket().close(ec);
+            return;
+        }
+        stream_.expires_after(std::chrono::seconds(5));
+        drain();
     }
 
 private:
+    void drain() {
+        stream_.async_read_some(net::buffer(scratch_), [s = shared_from_this()](beast::error_code ec, std::size_t) {
+            if (ec) {
+                beast::error_code ignored;
+                s->stream_.socket().close(ignored);
+                return;
+            }
+            s->drain();
+        });
+    }
+
     friend class Session<PlainSession>;
     beast::tcp_stream stream_;
+    std::array<char, 16384> scratch_{};
 };
 
 class TlsSession : public Session<TlsSession>, public std::enable_shared_from_this<TlsSession> {

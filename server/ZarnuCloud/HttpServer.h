@@ -43,8 +43,9 @@ public:
     /// Stops serving; safe from any thread.
     void stop();
 
+    struct Impl;  ///< opaque: defined in HttpServer.cpp
+
 private:
-    struct Impl;
     std::unique_ptr<Impl> impl_;
 };
 

@@ -1,0 +1,101 @@
+"""Starting and stopping zarnu-cloud for tests (used by conftest.py and the tests).
+
+The binaries are looked up in $ZARNU_BIN_DIR (default: build/release/bin below the
+repository root)."""
+
+import os
+import pathlib
+import selectors
+import signal
+import subprocess
+import time
+
+import pytest
+
+from cloudclient import CloudClient
+
+REPO_ROOT = pathlib.Path(__file__).resolve().parents[2]
+BIN_DIR = pathlib.Path(os.environ.get("ZARNU_BIN_DIR", REPO_ROOT / "build" / "release" / "bin"))
+CLOUD = BIN_DIR / "zarnu-cloud"
+START_TIMEOUT = 30
+
+
+def run_cloud(*args, stdin=None, check=True):
+    """Runs a zarnu-cloud command to completion."""
+    result = subprocess.run([str(CLOUD), *map(str, args)], input=stdin, capture_output=True, text=True,
+                            timeout=60)
+    if check and result.returncode != 0:
+        raise AssertionError(f"zarnu-cloud {' '.join(map(str, args))} failed: {result.stderr}")
+    return result
+
+
+def add_user(data_dir, name, password):
+    run_cloud("user", "add", name, "--data", data_dir, stdin=password + "\n")
+
+
+class CloudProcess:
+    """One running `zarnu-cloud serve`."""
+
+    def __init__(self, data_dir, *options):
+        self.data_dir = pathlib.Path(data_dir)
+        self.data_dir.mkdir(parents=True, exist_ok=True)
+        self.options = options or ("--listen", "127.0.0.1:0", "--http")
+        self.log_path = self.data_dir / "serve.log"
+        self.proc = None
+        self.url = None
+
+    def start(self):
+        if not CLOUD.exists():
+            pytest.fail(f"{CLOUD} does not exist: build zarnu-cloud or set ZARNU_BIN_DIR", pytrace=False)
+        log = open(self.log_path, "ab")
+        self.proc = subprocess.Popen([str(CLOUD), "serve", "--data", str(self.data_dir), *self.options],
+                                     stdout=subprocess.PIPE, stderr=log, stdin=subprocess.DEVNULL)
+        log.close()
+        self.url = self._read_listening_line()
+        return self
+
+    def _read_listening_line(self):
+        sel = selectors.DefaultSelector()
+        sel.register(self.proc.stdout, selectors.EVENT_READ)
+        deadline = time.monotonic() + START_TIMEOUT
+        line = b""
+        try:
+            while not line.endswith(b"\n"):
+                remaining = deadline - time.monotonic()
+                if remaining <= 0 or not sel.select(remaining):
+                    self.kill()
+                    raise AssertionError("zarnu-cloud did not print its address: " + self.log())
+                chunk = os.read(self.proc.stdout.fileno(), 1)
+                if not chunk:
+                    self.proc.wait()
+                    raise AssertionError(f"zarnu-cloud exited with {self.proc.returncode}: " + self.log())
+                line += chunk
+        finally:
+            sel.close()
+        text = line.decode().strip()
+        assert text.startswith("listening on "), text
+        return text[len("listening on "):]
+
+    def log(self):
+        return self.log_path.read_text(errors="replace") if self.log_path.exists() else ""
+
+    def client(self, **kwargs):
+        return CloudClient(self.url, **kwargs)
+
+    def stop(self, sig=signal.SIGTERM):
+        """Signals the process by id and waits; returns its exit status."""
+        if self.proc is None:
+            return None
+        if self.proc.poll() is None:
+            os.kill(self.proc.pid, sig)
+        try:
+            code = self.proc.wait(timeout=30)
+        except subprocess.TimeoutExpired:
+            os.kill(self.proc.pid, signal.SIGKILL)
+            code = self.proc.wait()
+        self.proc.stdout.close()
+        self.proc = None
+        return code
+
+    def kill(self):
+        return self.stop(signal.SIGKILL)

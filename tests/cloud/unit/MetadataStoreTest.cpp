@@ -1,0 +1,103 @@
+#include "ApiError.h"
+#include "StoreFixture.h"
+
+using namespace zarnu::cloud;
+using zarnu::cloud::test::StoreFixture;
+
+namespace {
+
+int errorCode(const std::function<void()>& f) {
+    try {
+        f();
+    } catch (const ApiError& e) {
+        return static_cast<int>(e.code());
+    }
+    return 0;
+}
+
+}  // namespace
+
+using MetadataStore_ = StoreFixture;
+
+TEST_F(MetadataStore_, FileNeedsEveryPartHeldByThisAccount) {
+    PartRef mine = held(alice, "mine");
+    PartRef bobs = held(bob, "bob's");
+    try {
+        store->createFile(alice, key("/x/f"), {mine, bobs, bobs}, 1, 1);
+        FAIL() << "created a file from another account's part";
+    } catch (const ApiError& e) {
+        EXPECT_EQ(e.code(), ErrorCode::PartsMissing);
+        EXPECT_EQ(e.missing, std::vector<std::string>{bobs.fingerprint});
+    }
+    EXPECT_FALSE(store->entryByKey(alice, key("/x")));  // the parent folder was not created either
+    PartRef wrongSize{mine.fingerprint, mine.size + 1};
+    EXPECT_EQ(errorCode([&] { store->createFile(alice, key("/f"), {wrongSize}, 1, 1); }), 162);
+
+    Entry e = store->createFile(alice, key("/x/f"), {mine, mine}, 1, 1);
+    EXPECT_EQ(e.size, 2 * mine.size);
+    auto parts = store->fileParts(e.id, 0);
+    ASSERT_EQ(parts.size(), 2u);
+    EXPECT_EQ(parts[1].offset, mine.size);
+    EXPECT_TRUE(store->accountReferencesPart(alice, mine.fingerprint));
+    EXPECT_FALSE(store->accountReferencesPart(bob, mine.fingerprint));
+}
+
+TEST_F(MetadataStore_, ReplacingAFileGivesANewVersionAndKeepsTheOldOneReachable) {
+    Entry v1 = file("/doc");
+    Entry v2 = store->createFile(alice, key("/doc"), {}, 3000, 3000);
+    EXPECT_NE(v1.id, v2.id);
+    EXPECT_EQ(v2.size, 0u);
+    EXPECT_EQ(store->entryByKey(alice, key("/doc"))->id, v2.id);
+    EXPECT_TRUE(store->entryById(alice, v1.id));
+    EXPECT_FALSE(store->entryById(bob, v1.id));
+    EXPECT_EQ(store->children(alice, "", "", true, 100).size(), 1u);
+}
+
+TEST_F(MetadataStore_, FilesAndFoldersDoNotOverlap) {
+    file("/f");
+    folder("/d");
+    EXPECT_EQ(errorCode([&] { file("/f/g"); }), 172);
+    EXPECT_EQ(errorCode([&] { folder("/f"); }), 172);
+    EXPECT_EQ(errorCode([&] { file("/d"); }), 181);
+    EXPECT_EQ(errorCode([&] { file("/"); }), 181);
+    EXPECT_EQ(folder("/d").id, store->entryByKey(alice, key("/d"))->id);  // existing folder is fine
+    EXPECT_EQ(store->entryByKey(alice, "")->contained, 2u);
+}
+
+TEST_F(MetadataStore_, DeleteAndUndeleteTravelTogether) {
+    file("/d/early");
+    file("/d/sub/late");
+    ASSERT_EQ(store->softDelete(alice, key("/d/early"), 5000).count, 1u);
+    auto del = store->softDelete(alice, key("/d"), 6000);
+    EXPECT_EQ(del.count, 3u);  // /d, /d/sub, /d/sub/late
+    EXPECT_EQ(del.entry.deleted, 6000);
+    EXPECT_EQ(errorCode([&] { store->softDelete(alice, key("/d"), 7000); }), 174);
+    EXPECT_EQ(errorCode([&] { store->softDelete(alice, key("/nothing"), 7000); }), 174);
+    EXPECT_EQ(errorCode([&] { store->undelete(alice, key("/d"), 1234); }), 174);  // wrong deleted state
+
+    auto back = store->undelete(alice, key("/d"), 6000);
+    EXPECT_EQ(back.count, 3u);
+    EXPECT_TRUE(store->entryByKey(alice, key("/d/sub/late"))->deleted == 0);
+    EXPECT_EQ(store->entryByKey(alice, key("/d/early"))->deleted, 5000);  // deleted on its own before
+
+    store->softDelete(alice, key("/d"), 8000);
+    auto child = store->undelete(alice, key("/d/early"), kLatestDeleted);
+    EXPECT_EQ(child.count, 2u);  // the file and its deleted parent
+    EXPECT_EQ(store->entryByKey(alice, key("/d"))->deleted, 0);
+    EXPECT_EQ(store->entryByKey(alice, key("/d/sub"))->deleted, 8000);
+    EXPECT_EQ(store->entryByKey(alice, key("/d"))->contained, 1u);
+}
+
+TEST_F(MetadataStore_, CreatingInADeletedFolderRevivesOnlyThePath) {
+    file("/d/old");
+    store->softDelete(alice, key("/d"), 5000);
+    file("/d/new");
+    EXPECT_EQ(store->entryByKey(alice, key("/d"))->deleted, 0);
+    EXPECT_EQ(store->entryByKey(alice, key("/d/old"))->deleted, 5000);
+    // A file over a deleted folder replaces the folder and its deleted contents.
+    file("/e/x");
+    store->softDelete(alice, key("/e"), 5000);
+    Entry f = file("/e");
+    EXPECT_FALSE(f.folder);
+    EXPECT_FALSE(store->entryByKey(alice, key("/e/x")));
+}

@@ -1,0 +1,51 @@
+#pragma once
+// A fresh SQLite metadata store in a temporary folder, with two accounts.
+
+#include "CloudPath.h"
+#include "Fingerprint.h"
+#include "SqliteMetadataStore.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <random>
+
+namespace zarnu::cloud::test {
+
+class StoreFixture : public ::testing::Test {
+protected:
+    void SetUp() override {
+        std::random_device rd;
+        dir_ = std::filesystem::temp_directory_path() / ("zarnu-cloud-test-" + std::to_string(rd()));
+        std::filesystem::create_directories(dir_);
+        store = std::make_unique<SqliteMetadataStore>(dir_ / "meta.sqlite", 2);
+        alice = store->createAccount("alice", "hash", 1000);
+        bob = store->createAccount("bob", "hash", 1000);
+    }
+    void TearDown() override {
+        store.reset();
+        std::filesystem::remove_all(dir_);
+    }
+
+    static std::string key(std::string_view path) { return CloudPath::keyOf(CloudPath::parse(path)); }
+
+    /// A part the account holds, made from `content`.
+    PartRef held(AccountId account, const std::string& content) {
+        PartRef p{Fingerprint::of(content), content.size()};
+        store->addHeldParts(account, {p});
+        return p;
+    }
+    Entry file(std::string_view path, std::int64_t now = 2000) {
+        return store->createFile(alice, key(path), {held(alice, std::string(path))}, now, now);
+    }
+    Entry folder(std::string_view path) { return store->makeFolder(alice, key(path), 2000); }
+
+    std::unique_ptr<SqliteMetadataStore> store;
+    AccountId alice = 0, bob = 0;
+
+private:
+    std::filesystem::path dir_;
+};
+
+}  // namespace zarnu::cloud::test

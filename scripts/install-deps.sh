@@ -9,7 +9,7 @@ PACKAGES=(
   libboost-system1.81-dev libboost-date-time1.81-dev
   libssl-dev libcurl4-openssl-dev libsqlite3-dev sqlite3 libsodium-dev libfuse3-dev fuse3
   libgtest-dev libgmock-dev googletest libbenchmark-dev
-  python3-pytest iproute2 procps
+  python3-pytest iproute2 procps time
 )
 
 missing=()

@@ -1,6 +1,5 @@
 #include "Verbs/Cloud/YGetVerb.h"
 
-#include "NotAvailable.h"
 #include "Verbs/Cloud/YCloudVerbModule.h"
 
 namespace Cloud {
@@ -14,7 +13,12 @@ YGetVerb::YGetVerb(Qel::Application::YConsoleMain* app, YCloudVerbModule* module
       module_(module) {}
 
 void YGetVerb::Execute(unsigned int& exitCode) {
-  RaiseNotAvailableYet(*this, "ui/console/ZarnuCmd/Verbs/Cloud/YGetVerb");
+  ParseParams(exitCode);
+  module_->Login();
+  const bool recurse = Qel::Application::HasOption(GetOptions(), "r");
+  const Qel::YString cloudPath = GetArgument("cloud path");
+  const Qel::YString localPath = GetArgument("local path");
+  module_->DownloadAt(cloudPath, localPath, recurse, false);
 }
 
 }  // namespace Cloud

@@ -1,6 +1,5 @@
 #include "Verbs/Cloud/YPutVerb.h"
 
-#include "NotAvailable.h"
 #include "Verbs/Cloud/YCloudVerbModule.h"
 
 namespace Cloud {
@@ -14,7 +13,12 @@ YPutVerb::YPutVerb(Qel::Application::YConsoleMain* app, YCloudVerbModule* module
       module_(module) {}
 
 void YPutVerb::Execute(unsigned int& exitCode) {
-  RaiseNotAvailableYet(*this, "ui/console/ZarnuCmd/Verbs/Cloud/YPutVerb");
+  ParseParams(exitCode);
+  module_->Login();
+  const bool recurse = Qel::Application::HasOption(GetOptions(), "r");
+  const Qel::YString localPath = GetArgument("local path");
+  const Qel::YString cloudPath = GetArgument("cloud path");
+  module_->UploadAt(localPath, cloudPath, recurse, false);
 }
 
 }  // namespace Cloud

@@ -65,6 +65,8 @@ echo "(downloaded: $(cat "$scratch/hello-copy.txt"))"
 z Cloud rm /docs/hello.txt "${login[@]}"
 z Cloud ls /docs -d "${login[@]}"
 z Cloud undelete /docs/hello.txt "${login[@]}"
+echo
+echo "(a download never overwrites a local file:)"
 z Cloud get /docs/hello.txt "$scratch/hello-copy.txt" "${login[@]}"
 z Cloud ls /nothing-here "${login[@]}"
 echo

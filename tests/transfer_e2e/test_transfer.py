@@ -116,26 +116,31 @@ def test_refusals_folders_need_r_and_nothing_is_overwritten(cloud, tmp_path):
     assert os.listdir(folder) == ["f"] and (folder / "f").read_text() == "cloud copy"
 
 
-def read_until_progress(proc, count):
-    """Reads zarnucmd's output until `count` upload progress lines have arrived."""
+def pause_after_progress(proc, count):
+    """Reads zarnucmd's output until `count` upload progress lines have arrived,
+    then stops the process (SIGSTOP), so that what the test does next happens
+    in the middle of the upload however busy the machine is. Resume it with
+    SIGCONT."""
     seen = b""
     while seen.count(b"\r") < count:
         chunk = os.read(proc.stdout.fileno(), 4096)
         assert chunk, "zarnucmd ended early: " + seen.decode(errors="replace")
         seen += chunk
+    os.kill(proc.pid, signal.SIGSTOP)
     return seen
 
 
 def test_interrupted_put_resumes_with_missing_parts_only(cloud, tmp_path):
-    data = pseudo_random(48 * MIB, "interrupted")
+    data = pseudo_random(96 * MIB, "interrupted")
     src = tmp_path / "large.bin"
     src.write_bytes(data)
 
     proc = subprocess.Popen([cloud.zarnucmd.exe, "Cloud", "put", str(src), "/big", *cloud.credentials()],
                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=cloud.zarnucmd.env)
     try:
-        read_until_progress(proc, 2)  # ten parts are in the cloud
+        pause_after_progress(proc, 2)  # ten parts are in the cloud
         cloud.stop(sig=signal.SIGKILL)
+        os.kill(proc.pid, signal.SIGCONT)
         out, err = proc.communicate(timeout=60)
     finally:
         if proc.poll() is None:
@@ -180,13 +185,14 @@ def test_corrupt_part_in_cloud_is_an_error_not_a_file(cloud, tmp_path):
 
 def test_file_changed_during_put_is_refused(cloud, tmp_path):
     src = tmp_path / "growing.log"
-    src.write_bytes(pseudo_random(48 * MIB, "growing"))
+    src.write_bytes(pseudo_random(96 * MIB, "growing"))
     proc = subprocess.Popen([cloud.zarnucmd.exe, "Cloud", "put", str(src), "/logs", *cloud.credentials()],
                             stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=cloud.zarnucmd.env)
     try:
-        read_until_progress(proc, 1)
+        pause_after_progress(proc, 1)
         with open(src, "ab") as f:
             f.write(b"appended while uploading\n")
+        os.kill(proc.pid, signal.SIGCONT)
         out, err = proc.communicate(timeout=60)
     finally:
         if proc.poll() is None:

@@ -116,18 +116,27 @@ def test_refusals_folders_need_r_and_nothing_is_overwritten(cloud, tmp_path):
     assert os.listdir(folder) == ["f"] and (folder / "f").read_text() == "cloud copy"
 
 
-def pause_after_progress(proc, count):
-    """Reads zarnucmd's output until `count` upload progress lines have arrived,
-    then stops the process (SIGSTOP), so that what the test does next happens
-    in the middle of the upload however busy the machine is. Resume it with
-    SIGCONT."""
-    seen = b""
-    while seen.count(b"\r") < count:
-        chunk = os.read(proc.stdout.fileno(), 4096)
-        assert chunk, "zarnucmd ended early: " + seen.decode(errors="replace")
-        seen += chunk
-    os.kill(proc.pid, signal.SIGSTOP)
-    return seen
+def put_interrupted(cloud, src, folder, progress_lines, action):
+    """Runs "put", stops zarnucmd (SIGSTOP) once `progress_lines` progress lines
+    have arrived, so that `action` happens in the middle of the upload however
+    busy the machine is, then resumes it and returns (exit code, stderr)."""
+    proc = subprocess.Popen([cloud.zarnucmd.exe, "Cloud", "put", str(src), folder, *cloud.credentials()],
+                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=cloud.zarnucmd.env)
+    try:
+        seen = b""
+        while seen.count(b"\r") < progress_lines:
+            chunk = os.read(proc.stdout.fileno(), 4096)
+            assert chunk, "zarnucmd ended early: " + seen.decode(errors="replace")
+            seen += chunk
+        os.kill(proc.pid, signal.SIGSTOP)
+        action()
+        os.kill(proc.pid, signal.SIGCONT)
+        _, err = proc.communicate(timeout=60)
+    finally:
+        if proc.poll() is None:
+            proc.kill()
+            proc.wait()
+    return proc.returncode, err
 
 
 def test_interrupted_put_resumes_with_missing_parts_only(cloud, tmp_path):
@@ -135,18 +144,9 @@ def test_interrupted_put_resumes_with_missing_parts_only(cloud, tmp_path):
     src = tmp_path / "large.bin"
     src.write_bytes(data)
 
-    proc = subprocess.Popen([cloud.zarnucmd.exe, "Cloud", "put", str(src), "/big", *cloud.credentials()],
-                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=cloud.zarnucmd.env)
-    try:
-        pause_after_progress(proc, 2)  # ten parts are in the cloud
-        cloud.stop(sig=signal.SIGKILL)
-        os.kill(proc.pid, signal.SIGCONT)
-        out, err = proc.communicate(timeout=60)
-    finally:
-        if proc.poll() is None:
-            proc.kill()
-            proc.wait()
-    assert proc.returncode != 0
+    # After two progress lines ten parts are in the cloud.
+    code, err = put_interrupted(cloud, src, "/big", 2, lambda: cloud.stop(sig=signal.SIGKILL))
+    assert code != 0
     assert b"Could not reach " + cloud.url.rstrip("/").encode() in err, err
 
     cloud.restart()
@@ -186,18 +186,12 @@ def test_corrupt_part_in_cloud_is_an_error_not_a_file(cloud, tmp_path):
 def test_file_changed_during_put_is_refused(cloud, tmp_path):
     src = tmp_path / "growing.log"
     src.write_bytes(pseudo_random(96 * MIB, "growing"))
-    proc = subprocess.Popen([cloud.zarnucmd.exe, "Cloud", "put", str(src), "/logs", *cloud.credentials()],
-                            stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=cloud.zarnucmd.env)
-    try:
-        pause_after_progress(proc, 1)
+
+    def append():
         with open(src, "ab") as f:
             f.write(b"appended while uploading\n")
-        os.kill(proc.pid, signal.SIGCONT)
-        out, err = proc.communicate(timeout=60)
-    finally:
-        if proc.poll() is None:
-            proc.kill()
-            proc.wait()
-    assert proc.returncode == 184, err
+
+    code, err = put_interrupted(cloud, src, "/logs", 1, append)
+    assert code == 184, err
     assert b"File changed while processing it: " + str(src).encode() in err
     assert cloud.entry("/logs/growing.log") is None

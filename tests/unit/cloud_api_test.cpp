@@ -57,13 +57,6 @@ unsigned int CodeOf(const std::function<void()>& f) {
   return 0;
 }
 
-TEST(CloudApiFingerprint, IsMd5ThenSha1InLowerHex) {
-  const std::string abc = "abc";
-  EXPECT_EQ(YCloudApi::ComputeFingerprint(Bytes(abc), abc.size()),
-            "900150983cd24fb0d6963f7d28e17f72a9993e364706816aba3e25717850c26c9cd0d89d");
-  EXPECT_EQ(YCloudApi::ComputeFingerprint(nullptr, 0).size(), 72u);
-}
-
 TEST(CloudApiErrors, ServiceErrorObjectKeepsCodeAndMessage) {
   CloudSync::RegisterErrorCodes();
   YError e = YCloudApi::AnswerError(

@@ -13,6 +13,7 @@
 #include <memory>
 
 #include "Qel/Exception/YError.h"
+#include "Qel/IO/IoLog.h"
 #include "Qel/JSON/YObject.h"
 #include "Qel/JSON/YValue.h"
 #include "Qel/YString.h"

@@ -2,8 +2,9 @@
 //
 //   offset  size  field
 //   0       4     magic "ZOV1"
-//   4       4     body length B, unsigned big-endian (B <= kMaxFrameBody)
-//   8       4     JSON length J, unsigned big-endian (J <= B)
+//   4       4     body length B: the bytes after this field (JSON length,
+//                 JSON, attachments), unsigned big-endian, B <= kMaxFrameBody
+//   8       4     JSON length J, unsigned big-endian (J <= B - 4)
 //   12      J     the command's JSON text (UTF-8, one object)
 //   12+J    ...   attachments until the body ends, each a 4-byte big-endian
 //                 length L and L bytes; the n-th is what "BinaryIndex-<n>"
@@ -38,7 +39,7 @@ inline constexpr unsigned int kBadFrame = 55;
 std::string EncodeFrame(const YCommand& command, uint32_t maxBody = kMaxFrameBody);
 
 // Incremental decoder: Feed bytes as they arrive, then call Next until it
-// returns nothing. Next raises kBadFrame (log type 219) naming what is wrong
+// returns nothing. Next raises kBadFrame (log type kLogIo) naming what is wrong
 // (bad magic, a body above the limit, a JSON length past the body, an
 // attachment past the body, JSON that is not an object); after a raise the
 // decoder is unusable and the session must close.

@@ -14,6 +14,7 @@
 #include <functional>
 #include <memory>
 
+#include "Qel/IO/IoLog.h"
 #include "Qel/Time/YTime.h"
 
 namespace Qel::IO {
@@ -36,11 +37,12 @@ class YService {
   void RunAfter(Time::YDuration after, std::function<void()> work);
 
   // The implementation, for the IO implementation files only.
+  // Transports keep it alive, so a transport may outlive its service object.
   struct Impl;
-  Impl& GetImpl() { return *impl_; }
+  const std::shared_ptr<Impl>& GetImpl() const { return impl_; }
 
  private:
-  std::unique_ptr<Impl> impl_;
+  std::shared_ptr<Impl> impl_;
 };
 
 }  // namespace Qel::IO

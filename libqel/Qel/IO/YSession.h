@@ -74,8 +74,10 @@ class YSession : public std::enable_shared_from_this<YSession> {
   uint64_t GetRequestsSent() const;
   uint64_t GetRequestsHandled() const;
 
- private:
+  // The session's shared state; opaque outside the implementation.
   struct State;
+
+ private:
   std::shared_ptr<State> state_;
 };
 

@@ -20,7 +20,7 @@ class YDuration {
   static constexpr YDuration Milliseconds(int64_t n) { return YDuration(std::chrono::milliseconds(n)); }
   static constexpr YDuration Seconds(int64_t n) { return YDuration(std::chrono::seconds(n)); }
   static constexpr YDuration Minutes(int64_t n) { return YDuration(std::chrono::minutes(n)); }
-  static constexpr YDuration Infinite() { return YDuration(kInfiniteNs); }
+  static constexpr YDuration Infinite() { return YDuration(std::chrono::nanoseconds(kInfiniteNs)); }
 
   constexpr bool IsZero() const { return ns_ == 0; }
   constexpr bool IsInfinite() const { return ns_ == kInfiniteNs; }

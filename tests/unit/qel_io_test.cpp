@@ -1,0 +1,288 @@
+// The IO layer: the frame codec, and sessions over real sockets.
+#include <gtest/gtest.h>
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <condition_variable>
+#include <cstdlib>
+#include <filesystem>
+#include <future>
+#include <thread>
+
+#include "Qel/IO/YFrame.h"
+#include "Qel/IO/YIo.h"
+#include "Qel/IO/YService.h"
+#include "Qel/IO/YSession.h"
+#include "qel_test_support.h"
+
+namespace {
+
+using Qel::YString;
+using Qel::IO::YCommand;
+using Qel::IO::YCommandPtr;
+using Qel::JSON::YObject;
+using Qel::JSON::YValue;
+using Bytes = YObject::Bytes;
+using qel_test::Raised;
+namespace Time = Qel::Time;
+
+Bytes MakeBytes(size_t n, unsigned char seed) {
+  Bytes b("test", n);
+  for (size_t i = 0; i < n; ++i) b.At(i) = static_cast<unsigned char>(seed + i * 7);
+  return b;
+}
+
+std::string Header(uint32_t body, uint32_t json) {
+  std::string h("ZOV1");
+  for (uint32_t v : {body, json}) {
+    for (int shift = 24; shift >= 0; shift -= 8) h.push_back(static_cast<char>(v >> shift));
+  }
+  return h;
+}
+
+TEST(FrameTest, AttachmentsAtAnyDepthSurviveTheRoundTrip) {
+  // A menu-like command: binary fields in the params, in a nested object and
+  // inside an array element, each object with its own attachment list.
+  YCommandPtr request = YCommand::CreateRequest("overlay_get_menu");
+  YObject image;
+  image.SetBinary("data", MakeBytes(1000, 1));
+  image.Set("mime_type", YValue("image/png"));
+  YObject item;
+  item.Set("title", YValue("BinaryIndex-0 is only text here"));
+  item.SetBinary("blob", MakeBytes(3, 9));
+  item.Set("avatar", YValue(image));
+  Qel::JSON::YArray items{std::make_shared<YValue>(item)};
+  YObject params;
+  params.SetBinary("top", MakeBytes(0, 0));
+  params.Set("menus", YValue(items));
+  request->SetParams(params);
+  request->SetId(42);
+
+  const YCommand decoded = Qel::IO::DecodeFrame(Qel::IO::EncodeFrame(*request));
+  EXPECT_EQ(decoded.GetId(), 42u);
+  EXPECT_EQ(decoded.GetMethod(), "overlay_get_menu");
+  const YObject p = decoded.GetParams();
+  EXPECT_EQ(p.Get<Bytes>("top", 0).GetCount(), 0u);
+  const YObject first = p.Get<Qel::JSON::YArray>("menus", 0).at(0)->AsObject();
+  EXPECT_EQ(first.Get<YString>("title", 0), "BinaryIndex-0 is only text here");
+  const Bytes blob = first.Get<Bytes>("blob", 0);
+  ASSERT_EQ(blob.GetCount(), 3u);
+  EXPECT_EQ(blob.At(2), static_cast<unsigned char>(9 + 14));
+  const Bytes data = first.Get<YObject>("avatar", 0).Get<Bytes>("data", 0);
+  ASSERT_EQ(data.GetCount(), 1000u);
+  EXPECT_EQ(0, std::memcmp(data.Get(), MakeBytes(1000, 1).Get(), 1000));
+}
+
+TEST(FrameTest, DecoderTakesFramesFedByteByByteAndRefusesMalformedOnes) {
+  YCommandPtr a = YCommand::CreateRequest("a");
+  YCommandPtr b = YCommand::CreateRequest("b");
+  const std::string stream = Qel::IO::EncodeFrame(*a) + Qel::IO::EncodeFrame(*b);
+  Qel::IO::YFrameDecoder decoder;
+  std::vector<YString> methods;
+  for (char c : stream) {
+    decoder.Feed(&c, 1);
+    while (auto command = decoder.Next()) methods.push_back(command->GetMethod());
+  }
+  EXPECT_EQ(methods, (std::vector<YString>{"a", "b"}));
+
+  const auto refused = [](const std::string& bytes) {
+    Qel::IO::YFrameDecoder d(1024);
+    d.Feed(bytes.data(), bytes.size());
+    return Raised([&] { d.Next(); });
+  };
+  EXPECT_EQ(refused("GET / HTTP/1.1\r\n").GetCcode(), Qel::IO::kBadFrame);
+  // An oversized frame is refused from its header alone, before any body.
+  const Qel::Exception::YError big = refused(Header(0xFFFFFFFFu, 2));
+  EXPECT_NE(big.GetInfo().find("above the limit"), std::string::npos) << big.GetInfo();
+  EXPECT_NE(refused(Header(6, 99) + "{}").GetInfo().find("JSON length"), std::string::npos);
+  EXPECT_NE(refused(Header(11, 2) + "{}" + std::string("\0\0\0\x09xyz", 8)).GetInfo().find("attachment"),
+            std::string::npos);
+  EXPECT_NE(refused(Header(7, 3) + "[1]").GetInfo().find("not an object"), std::string::npos);
+  EXPECT_NE(refused(Header(7, 3) + "{x:").GetInfo().find("unreadable"), std::string::npos);
+}
+
+// A service, a listener on a temporary socket and sessions on both ends.
+class SessionTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    folder_ = std::filesystem::temp_directory_path() / ("qel-io-" + std::to_string(::getpid()));
+    std::filesystem::create_directories(folder_);
+    path_ = (folder_ / "s.socket").string();
+    service_.Initialize(2);
+  }
+  void TearDown() override {
+    for (auto& s : server_sessions_) s->Release();
+    if (listener_) listener_->Close();
+    service_.Deinitialize();
+    std::filesystem::remove_all(folder_);
+  }
+
+  // Serves requests: "echo" returns its params, "fail" raises code 174, "slow"
+  // answers after `slow_ms_`.
+  void Listen() {
+    listener_ = Qel::IO::YListener::CreateUnix(service_, path_, 0600);
+    listener_->Start([this](std::shared_ptr<Qel::IO::YIoBase> io) {
+      auto session = std::make_shared<Qel::IO::YSession>(
+          [this](std::shared_ptr<Qel::IO::YSession>, YCommandPtr request) -> YCommandPtr {
+            YCommandPtr reply = YCommand::CreateReply(*request);
+            if (request->GetMethod() == "fail") QEL_RAISE(0, 174, "no file x", "test", "Handler");
+            if (request->GetMethod() == "slow") std::this_thread::sleep_for(std::chrono::milliseconds(slow_ms_));
+            reply->SetResult(request->GetParams());
+            return reply;
+          });
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        server_sessions_.push_back(session);
+      }
+      session->Allocate(io);
+    });
+  }
+
+  std::shared_ptr<Qel::IO::YSession> Connect(Qel::IO::YSession::RequestHandler handler = nullptr) {
+    auto io = Qel::IO::YUnixDomainIo::Create(service_);
+    std::promise<const Qel::Exception::YError*> done;
+    std::optional<Qel::Exception::YError> error;
+    io->ConnectAsync(
+        path_,
+        [&](std::shared_ptr<Qel::IO::YIoBase>, const Qel::Exception::YError* e) {
+          if (e) error = *e;
+          done.set_value(e);
+        },
+        Time::YDuration::Seconds(3));
+    done.get_future().wait();
+    if (error) throw *error;
+    auto session = std::make_shared<Qel::IO::YSession>(std::move(handler));
+    session->Allocate(io);
+    return session;
+  }
+
+  std::filesystem::path folder_;
+  std::string path_;
+  Qel::IO::YService service_;
+  std::shared_ptr<Qel::IO::YListener> listener_;
+  std::mutex mutex_;
+  std::vector<std::shared_ptr<Qel::IO::YSession>> server_sessions_;
+  int slow_ms_ = 0;
+};
+
+TEST_F(SessionTest, RequestsRepliesAndErrorRepliesTravelBothWays) {
+  Listen();
+  EXPECT_EQ(std::filesystem::status(path_).permissions() & std::filesystem::perms::all,
+            std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+  auto client = Connect([](std::shared_ptr<Qel::IO::YSession>, YCommandPtr request) {
+    YCommandPtr reply = YCommand::CreateReply(*request);
+    YObject result;
+    result.Set("seen", YValue(request->GetMethod()));
+    reply->SetResult(result);
+    return reply;
+  });
+  YCommandPtr echo = YCommand::CreateRequest("echo");
+  echo->SetParam("file_path", YValue("/home/ä/x"));
+  echo->SetParam("n", YValue(7u));
+  YCommandPtr reply = client->ProcessRequest(echo, Time::YDuration::Seconds(3));
+  EXPECT_EQ(reply->GetResult().Get<YString>("file_path", 0), "/home/ä/x");
+  EXPECT_EQ(reply->GetResult().Get<unsigned long long>("n", 0), 7u);
+
+  const Qel::Exception::YError failed =
+      Raised([&] { client->ProcessRequest(YCommand::CreateRequest("fail"), Time::Infinity()); });
+  EXPECT_EQ(failed.GetCcode(), 174u);
+  EXPECT_EQ(failed.GetInfo(), "no file x");
+  EXPECT_TRUE(client->IsConnected());
+
+  // The server side asks the client.
+  std::shared_ptr<Qel::IO::YSession> server;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ASSERT_EQ(server_sessions_.size(), 1u);
+    server = server_sessions_[0];
+  }
+  EXPECT_EQ(server->ProcessRequest(YCommand::CreateRequest("ova_refresh_menu"), Time::YDuration::Seconds(3))
+                ->GetResult()
+                .Get<YString>("seen", 0),
+            "ova_refresh_menu");
+}
+
+TEST_F(SessionTest, TimeoutsAndLostPeersFailRequestsWithoutHanging) {
+  slow_ms_ = 400;
+  Listen();
+  auto client = Connect();
+  const Qel::Exception::YError late =
+      Raised([&] { client->ProcessRequest(YCommand::CreateRequest("slow"), Time::YDuration::Milliseconds(50)); });
+  EXPECT_EQ(late.GetCcode(), static_cast<unsigned int>(ETIMEDOUT));
+  // The late reply is dropped and the session goes on.
+  EXPECT_TRUE(client->ProcessRequest(YCommand::CreateRequest("echo"), Time::YDuration::Seconds(3)) != nullptr);
+
+  // The peer goes away while a request waits without limit.
+  std::thread closer([this] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (auto& s : server_sessions_) s->Release();
+  });
+  const Qel::Exception::YError lost =
+      Raised([&] { client->ProcessRequest(YCommand::CreateRequest("slow"), Time::Infinity()); });
+  closer.join();
+  EXPECT_EQ(lost.GetCcode(), Qel::IO::kNoSession);
+  EXPECT_FALSE(client->IsConnected());
+  EXPECT_NE(client->GetSessionError().GetCcode(), 0u);
+  EXPECT_EQ(Raised([&] { client->ProcessRequest(YCommand::CreateRequest("echo"), Time::Infinity()); }).GetCcode(),
+            Qel::IO::kNoSession);
+}
+
+TEST_F(SessionTest, GarbageEndsOnlyTheSessionThatSentIt) {
+  Listen();
+  auto good = Connect();
+  // A raw client announces a 4 GiB frame.
+  int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+  sockaddr_un addr{};
+  addr.sun_family = AF_UNIX;
+  std::strncpy(addr.sun_path, path_.c_str(), sizeof addr.sun_path - 1);
+  ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+  const std::string header = Header(0xFFFFFFFFu, 2);
+  ASSERT_EQ(::write(fd, header.data(), header.size()), static_cast<ssize_t>(header.size()));
+  char byte;
+  EXPECT_EQ(::read(fd, &byte, 1), 0) << "the agent side closes the session";
+  ::close(fd);
+  EXPECT_TRUE(good->ProcessRequest(YCommand::CreateRequest("echo"), Time::YDuration::Seconds(3)) != nullptr);
+}
+
+TEST(ConnectTest, RefusedAndMissingAddressesReportTheirError) {
+  Qel::IO::YService service;
+  service.Initialize(1);
+  const auto attempt = [&service](std::shared_ptr<Qel::IO::YConnectedIo> io, const YString& address) {
+    std::promise<unsigned int> code;
+    io->ConnectAsync(
+        address,
+        [&code](std::shared_ptr<Qel::IO::YIoBase>, const Qel::Exception::YError* e) {
+          code.set_value(e ? e->GetCcode() : 0);
+        },
+        Time::YDuration::Seconds(3));
+    const unsigned int c = code.get_future().get();
+    Qel::Exception::YError state(0, 0, 0, 0, "", "");
+    EXPECT_EQ(io->HasError(state), c != 0);
+    return c;
+  };
+  EXPECT_EQ(attempt(Qel::IO::YUnixDomainIo::Create(service), "/nonexistent/zarnu.socket"),
+            static_cast<unsigned int>(ENOENT));
+  auto listener = Qel::IO::YListener::CreateTcp(service, "127.0.0.1:0");
+  listener->Start([](std::shared_ptr<Qel::IO::YIoBase>) {});
+  EXPECT_EQ(attempt(Qel::IO::YTcpIo::Create(service), listener->GetAddress()), 0u);
+  listener->Close();
+  // A bound port that does not listen refuses.
+  int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  sockaddr_in in{};
+  in.sin_family = AF_INET;
+  in.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t len = sizeof in;
+  ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&in), sizeof in), 0);
+  ASSERT_EQ(::getsockname(fd, reinterpret_cast<sockaddr*>(&in), &len), 0);
+  EXPECT_EQ(attempt(Qel::IO::YTcpIo::Create(service), "127.0.0.1:" + std::to_string(ntohs(in.sin_port))),
+            static_cast<unsigned int>(ECONNREFUSED));
+  ::close(fd);
+  service.Deinitialize();
+}
+
+}  // namespace

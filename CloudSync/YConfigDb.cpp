@@ -54,6 +54,8 @@ Qel::YString YConfigDb::GetAuthToken() const { return GetOption(kAuthTokenKey, "
 
 Qel::YString YConfigDb::GetAuthUser() const { return GetOption(kAuthUserKey, ""); }
 
+Qel::YString YConfigDb::GetRootFolder() const { return GetOption(kRootFolderKey, ""); }
+
 void YConfigDb::PutLogin(const Qel::YString& token, const Qel::YString& user, const Qel::YString& root,
                          const Qel::YString& cloudAddress) {
   // One transaction, so that no reader sees the token of one login with the

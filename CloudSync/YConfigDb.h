@@ -29,6 +29,7 @@ class YConfigDb : public Qel::SQLite::YSqliteDb {
   // Empty texts when none is stored.
   Qel::YString GetAuthToken() const;
   Qel::YString GetAuthUser() const;
+  Qel::YString GetRootFolder() const;
   void PutLogin(const Qel::YString& token, const Qel::YString& user, const Qel::YString& root,
                 const Qel::YString& cloudAddress);
 };

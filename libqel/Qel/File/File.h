@@ -15,6 +15,12 @@
 
 namespace Qel::File {
 
+// Path-map ids of the well-known folders.
+inline constexpr unsigned int kMapExecutable = 3;  // the folder of the running executable
+inline constexpr unsigned int kMapConfig = 6;      // the configuration folder
+inline constexpr unsigned int kMapData = 9;        // the agent's data folder
+inline constexpr unsigned int kMapCrash = 11;      // the crash-report folder
+
 // Attribute bit of a folder in YFileInfo::attributes.
 inline constexpr uint32_t kAttributeFolder = 16;
 

@@ -16,9 +16,11 @@ YZarnuCmd::YZarnuCmd(int argc, char** argv) : YConsoleMain(argc, argv) {
   CloudSync::RegisterLogTypes();
 
   const Qel::YString data = CloudSync::GetDefaultZarnuDataPath();
-  Qel::File::SetPathMap(9, data);
-  Qel::File::SetPathMap(11, Qel::File::AppendPaths(data, "crashes", "/"));
-  if (!Qel::File::DoesFileExist(Qel::File::GetPathName(6, "config.ini"))) Qel::File::SetPathMap(6, data);
+  Qel::File::SetPathMap(Qel::File::kMapData, data);
+  Qel::File::SetPathMap(Qel::File::kMapCrash, Qel::File::AppendPaths(data, "crashes", "/"));
+  if (!Qel::File::DoesFileExist(Qel::File::GetPathName(Qel::File::kMapConfig, "config.ini"))) {
+    Qel::File::SetPathMap(Qel::File::kMapConfig, data);
+  }
 
   RegisterModule(std::make_shared<Cloud::YCloudVerbModule>(this));
   RegisterModule(std::make_shared<Config::YConfigVerbModule>(this));

@@ -2,7 +2,10 @@
 
 #include <memory>
 
+#include "CloudSync/Overlay/OverlayClient.h"
 #include "CloudSync/Paths.h"
+#include "Qel/IO/YSession.h"
+#include "Qel/JSON/YValue.h"
 #include "Qel/Exception/YError.h"
 #include "Qel/File/File.h"
 #include "Qel/Util/Util.h"
@@ -30,7 +33,7 @@ YConfigVerbModule::YConfigVerbModule(Qel::Application::YConsoleMain* app)
     : YZarnuCmdVerbModule(app, "Config", "Muck with your Zarnu agent configuration, including hidden advanced options\n *WARNING* Modifying entries in here can break zarnu!",
                           {
                           }),
-      config_db_(Qel::File::GetPathName(9, "config.db")) {
+      config_db_(Qel::File::GetPathName(Qel::File::kMapData, "config.db")) {
   RegisterVerb(std::make_shared<YGetVerb>(app, this));
   RegisterVerb(std::make_shared<YListVerb>(app, this));
   RegisterVerb(std::make_shared<YPutVerb>(app, this));
@@ -114,9 +117,17 @@ Qel::YString YConfigVerbModule::GetOption(const Qel::YString& name) const {
 
 void YConfigVerbModule::PutOption(const Qel::YString& name, const Qel::YString& value) {
   Find(name, "PutOption");
-  // Writes go straight to the database. Once the command line can reach the
-  // running agent, the request that lets the agent store (and apply) the
-  // value goes here first, and this write becomes its fallback on any YError.
+  // The running agent stores the value itself and applies it at once; when no
+  // agent can be reached, or it refuses, the database is written directly.
+  try {
+    std::shared_ptr<Qel::IO::YSession> session = OverlayClient::ConnectToAgent();
+    Qel::IO::YCommandPtr request = Qel::IO::YCommand::CreateRequest("overlay_configdb_put");
+    request->SetParam("option", Qel::JSON::YValue(name));
+    request->SetParam("value", Qel::JSON::YValue(value));
+    session->ProcessRequest(request, Qel::Time::Infinity());
+    return;
+  } catch (const Qel::Exception::YError&) {
+  }
   config_db_.PutOption(name, value);
 }
 

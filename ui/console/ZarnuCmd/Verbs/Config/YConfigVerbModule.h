@@ -40,8 +40,9 @@ class YConfigVerbModule : public YZarnuCmdVerbModule {
   // The stored value, or the default as text when none is stored. Unknown
   // names raise code 55.
   Qel::YString GetOption(const Qel::YString& name) const;
-  // Stores `value` as given (no type check). Unknown names raise code 55 and
-  // nothing is written.
+  // Stores `value` as given (no type check): through the running agent when
+  // one answers (it then applies the value at once), else in the database.
+  // Unknown names raise code 55 and nothing is sent or written.
   void PutOption(const Qel::YString& name, const Qel::YString& value);
 
   const OptionTable& GetOptionTable() const { return options_; }

@@ -1,5 +1,7 @@
 #include "Verbs/Config/YPutVerb.h"
 
+#include "CloudSync/Overlay/OverlayClient.h"
+#include "Qel/File/File.h"
 #include "Qel/Log/YConsoleLogger.h"
 #include "Verbs/Config/YConfigVerbModule.h"
 
@@ -16,7 +18,10 @@ void YPutVerb::Execute(unsigned int& exitCode) {
   ParseParams(exitCode);
   const Qel::YString value = GetArgument("option value");
   const Qel::YString name = GetArgument("option name");
-  module_->PutOption(name, value);
+  {
+    OverlayClient::YClientScope client(Qel::File::GetPathMap(Qel::File::kMapData));
+    module_->PutOption(name, value);
+  }
   GetApp()->GetLogger() << "Successfully applied option" << Qel::Log::Ctl::EndLine;
 }
 

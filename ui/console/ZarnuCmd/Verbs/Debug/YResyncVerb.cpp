@@ -1,6 +1,8 @@
 #include "Verbs/Debug/YResyncVerb.h"
 
-#include "NotAvailable.h"
+#include "CloudSync/Overlay/OverlayClient.h"
+#include "Qel/File/File.h"
+#include "Qel/IO/YSession.h"
 #include "Verbs/Debug/YDebugVerbModule.h"
 
 namespace Debug {
@@ -13,8 +15,24 @@ YResyncVerb::YResyncVerb(Qel::Application::YConsoleMain* app, YDebugVerbModule* 
                 {}, false),
       module_(module) {}
 
+namespace {
+
+// Sends `method` to the agent and waits for its reply.
+void Send(const char* method) {
+  OverlayClient::YClientScope client(Qel::File::GetPathMap(Qel::File::kMapData));
+  OverlayClient::ConnectToAgent()->ProcessRequest(Qel::IO::YCommand::CreateRequest(method), Qel::Time::Infinity());
+}
+
+}  // namespace
+
+void YResyncVerb::ResyncShares(YDebugVerbModule&) { Send("resync_share_list"); }
+
+void YResyncVerb::ResyncAll(YDebugVerbModule&) { Send("resync_all"); }
+
 void YResyncVerb::Execute(unsigned int& exitCode) {
-  RaiseNotAvailableYet(*this, "ui/console/ZarnuCmd/Verbs/Debug/YResyncVerb");
+  ParseParams(exitCode);
+  if (Qel::Application::HasOption(GetOptions(), "shares")) ResyncShares(*module_);
+  else ResyncAll(*module_);
 }
 
 }  // namespace Debug

@@ -13,6 +13,11 @@ class YResyncVerb : public Qel::Application::YConsoleMain::YVerbBase {
   void Execute(unsigned int& exitCode) override;
 
  private:
+  // "resync_share_list": rebuild the share list from the cloud's.
+  static void ResyncShares(YDebugVerbModule& module);
+  // "resync_all": the full reset.
+  static void ResyncAll(YDebugVerbModule& module);
+
   YDebugVerbModule* module_;
 };
 

@@ -1,0 +1,175 @@
+#include "YAgent.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+#include "AgentConstants.h"
+#include "Qel/Exception/YError.h"
+#include "Qel/File/File.h"
+#include "Qel/Log/YLog.h"
+
+namespace Agent {
+
+namespace {
+
+constexpr const char* kFile = "agent/ZarnuAgent/YAgent";
+constexpr unsigned int kSocketMode = 0600;
+constexpr unsigned int kFolderMode = 0700;
+constexpr const char* kAuthMethod = "overlay_auth";
+
+Qel::Log::YLog& Log() { return Qel::Log::GetGlobalLogger(); }
+
+}  // namespace
+
+YAgent::YAgent(const Qel::YString& dataFolder, const Qel::YString& tcpAddress)
+    : data_folder_(dataFolder), tcp_address_(tcpAddress) {}
+
+YAgent::~YAgent() {
+  service_.Deinitialize();
+  if (lock_fd_ >= 0) ::close(lock_fd_);
+}
+
+void YAgent::TakeLock() {
+  const Qel::YString path = Qel::File::AppendPaths(data_folder_, kLockFile);
+  lock_fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  if (lock_fd_ < 0) QEL_RAISE_OS(kLogApp, errno, path, kFile, "TakeLock");
+  if (::flock(lock_fd_, LOCK_EX | LOCK_NB) != 0) {
+    if (errno == EWOULDBLOCK) QEL_RAISE(kLogApp, kAgentAlreadyRunning, "data folder " + data_folder_, kFile, "TakeLock");
+    QEL_RAISE_OS(kLogApp, errno, path, kFile, "TakeLock");
+  }
+  const std::string pid = std::to_string(::getpid()) + "\n";
+  if (::ftruncate(lock_fd_, 0) != 0 || ::pwrite(lock_fd_, pid.data(), pid.size(), 0) < 0) {
+    QEL_RAISE_OS(kLogApp, errno, path, kFile, "TakeLock");
+  }
+}
+
+uint64_t YAgent::CountOpenSessions() {
+  std::lock_guard<std::mutex> lock(sessions_mutex_);
+  uint64_t open = 0;
+  std::erase_if(sessions_, [&open](const std::weak_ptr<Qel::IO::YSession>& w) {
+    auto s = w.lock();
+    if (!s || !s->IsConnected()) return true;
+    ++open;
+    return false;
+  });
+  return open;
+}
+
+void YAgent::OnAccept(std::shared_ptr<Qel::IO::YIoBase> io, bool remote) {
+  if (!remote) {
+    const std::optional<uint32_t> uid = io->GetPeerUid();
+    if (!uid || *uid != ::getuid()) {
+      Log().Write(kLogSession, "Refused a client of uid " + (uid ? std::to_string(*uid) : std::string("unknown")) +
+                                   " (the agent serves uid " + std::to_string(::getuid()) + " only)");
+      io->Close();
+      return;
+    }
+  }
+  // Remote sessions must prove the account's token before anything else.
+  auto trusted = std::make_shared<std::atomic<bool>>(!remote);
+  Qel::IO::YService* service = &service_;
+  YAgentState* state = state_.get();
+  YOverlayDispatcher* dispatcher = dispatcher_.get();
+  auto session = std::make_shared<Qel::IO::YSession>(
+      [this, trusted, service, state, dispatcher](std::shared_ptr<Qel::IO::YSession> s,
+                                                  Qel::IO::YCommandPtr request) -> Qel::IO::YCommandPtr {
+        state->sessionsOpen = CountOpenSessions();
+        if (!trusted->load()) {
+          const Qel::YString token = state->GetToken();
+          const bool proven = request->GetMethod() == kAuthMethod && !token.empty() &&
+                              request->GetParams().Has("auth_token") &&
+                              request->GetParams().Get<Qel::YString>("auth_token", kLogSession) == token;
+          if (!proven) {
+            std::weak_ptr<Qel::IO::YSession> weak = s;
+            service->RunAfter(Qel::Time::YDuration::Milliseconds(100), [weak] {
+              if (auto dead = weak.lock()) dead->Release();
+            });
+            QEL_RAISE(kLogSession, kNotLoggedIn, "a remote session must start with " + Qel::YString(kAuthMethod) +
+                                                     " and the account's token",
+                      kFile, "Authenticate");
+          }
+          trusted->store(true);
+          Log().Write(kLogSession, "Remote client authenticated");
+          return Qel::IO::YCommand::CreateReply(*request);
+        }
+        std::weak_ptr<Qel::IO::YSession> weak = s;
+        // Pushes leave after the reply: they are posted, not sent inline.
+        return dispatcher->Dispatch(*request, [service, weak](Qel::IO::YCommandPtr push) {
+          service->Post([weak, push] {
+            if (auto live = weak.lock()) live->ProcessRequestAsync(push, nullptr);
+          });
+        });
+      });
+  {
+    std::lock_guard<std::mutex> lock(sessions_mutex_);
+    sessions_.push_back(session);
+  }
+  ++state_->sessionsServed;
+  Log().Write(kLogSession, "Client connected on " + io->Describe());
+  session->Allocate(io);
+}
+
+int YAgent::Run() {
+  Qel::File::CreatePath(data_folder_, true);
+  ::chmod(data_folder_.c_str(), kFolderMode);
+  TakeLock();
+  Qel::Log::YLog& log = Log();
+  log.Open(Qel::File::AppendPaths(data_folder_, kLogFile));
+  state_ = std::make_unique<YAgentState>(data_folder_);
+  state_->Reload();
+  state_->RestoreLogTypes();
+  dispatcher_ = std::make_unique<YOverlayDispatcher>(*state_);
+  log.Write(kLogApp, "ZarnuAgent " + Qel::YString(kVersion) + " starting for " + data_folder_ + " (pid " +
+                         std::to_string(::getpid()) + ")");
+
+  service_.Initialize(kIoThreads);
+  const Qel::YString socket_path = Qel::File::AppendPaths(data_folder_, kSocketFile);
+  unix_listener_ = Qel::IO::YListener::CreateUnix(service_, socket_path, kSocketMode);
+  unix_listener_->Start([this](std::shared_ptr<Qel::IO::YIoBase> io) { OnAccept(io, false); });
+  if (!tcp_address_.empty()) {
+    tcp_listener_ = Qel::IO::YListener::CreateTcp(service_, tcp_address_);
+    tcp_listener_->Start([this](std::shared_ptr<Qel::IO::YIoBase> io) { OnAccept(io, true); });
+    log.Write(kLogApp, "Remote clients accepted on " + tcp_listener_->GetAddress());
+  }
+  log.Write(kLogApp, "Listening on " + socket_path + (state_->GetRootFolder().empty()
+                                                          ? Qel::YString(", not linked")
+                                                          : ", root folder " + state_->GetRootFolder()));
+  std::printf("listening on %s\n", socket_path.c_str());
+  if (tcp_listener_) std::printf("listening on %s\n", tcp_listener_->GetAddress().c_str());
+  std::fflush(stdout);
+
+  sigset_t stop;
+  sigemptyset(&stop);
+  sigaddset(&stop, SIGTERM);
+  sigaddset(&stop, SIGINT);
+  sigaddset(&stop, SIGHUP);
+  int signal_number = 0;
+  while (sigwait(&stop, &signal_number) != 0) {
+  }
+  log.Write(kLogApp, "Stopping on signal " + std::to_string(signal_number));
+
+  unix_listener_->Close();
+  if (tcp_listener_) tcp_listener_->Close();
+  std::vector<std::shared_ptr<Qel::IO::YSession>> open;
+  {
+    std::lock_guard<std::mutex> lock(sessions_mutex_);
+    for (auto& w : sessions_) {
+      if (auto s = w.lock()) open.push_back(s);
+    }
+    sessions_.clear();
+  }
+  for (auto& s : open) s->Release();
+  service_.Deinitialize();
+  ::unlink(socket_path.c_str());
+  log.Write(kLogApp, "Stopped");
+  log.Close();
+  return 0;
+}
+
+}  // namespace Agent

@@ -1,0 +1,66 @@
+// Agent::YAgentState: everything the running agent knows, shared by its
+// request handlers: the data folder, the link (user, token, root folder), the
+// settings, the path statuses, the enabled log types and its counters.
+//
+// config.db is reached through one YConfigDb guarded by the state's mutex
+// (the database object serves one thread at a time). Thread-safety: every
+// operation may be called from any thread.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "CloudSync/YConfigDb.h"
+#include "Qel/YString.h"
+#include "YAgentSettings.h"
+#include "YPathStatusTable.h"
+
+namespace Agent {
+
+class YAgentState {
+ public:
+  explicit YAgentState(const Qel::YString& dataFolder);
+
+  const Qel::YString& GetDataFolder() const { return data_folder_; }
+  // `file` joined to the data folder.
+  Qel::YString GetPath(const Qel::YString& file) const;
+
+  Qel::YString GetOption(const Qel::YString& name, const Qel::YString& fallback) const;
+  void PutOption(const Qel::YString& name, const Qel::YString& value);
+
+  // Re-reads user, token and root folder from config.db and the settings.
+  void Reload();
+  Qel::YString GetRootFolder() const;
+  Qel::YString GetUser() const;
+  Qel::YString GetToken() const;
+
+  YAgentSettings& GetSettings() { return settings_; }
+  YPathStatusTable& GetPathStatuses() { return path_statuses_; }
+
+  // Log types: RestoreLogTypes switches on the types kept in config.db;
+  // SetLogTypes switches the named ones on or off and keeps the new set.
+  // Unknown names raise code 55 naming them, and nothing changes.
+  void RestoreLogTypes();
+  void SetLogTypes(const std::vector<Qel::YString>& names, bool enabled);
+
+  std::chrono::seconds GetUptime() const;
+  std::atomic<uint64_t> sessionsOpen{0};
+  std::atomic<uint64_t> sessionsServed{0};
+  std::atomic<uint64_t> requestsHandled{0};
+
+ private:
+  Qel::YString data_folder_;
+  std::chrono::steady_clock::time_point started_;
+  mutable std::mutex mutex_;  // guards db_ and the link texts
+  std::unique_ptr<CloudSync::YConfigDb> db_;
+  Qel::YString user_;
+  Qel::YString token_;
+  Qel::YString root_;
+  YAgentSettings settings_;
+  YPathStatusTable path_statuses_;
+};
+
+}  // namespace Agent

@@ -1,0 +1,55 @@
+// Agent::YOverlayDispatcher: the one table that maps an overlay request's
+// method to the agent's handler. Dispatch never lets anything but a YError
+// out: an unknown method is code 228 naming it, missing parameters are code
+// 56, bad values code 55; the session turns the error into an error reply.
+//
+// Pushes (the agent's own requests to a client, e.g. "ova_refresh_path"
+// after "overlay_path_status_cached") go through the `push` function given to
+// Dispatch, which sends them after the reply.
+//
+// Thread-safety: Dispatch may be called from many threads at once; the state
+// it touches is synchronised.
+#pragma once
+
+#include <functional>
+#include <map>
+
+#include "Qel/IO/YCommand.h"
+#include "YAgentState.h"
+
+namespace Agent {
+
+class YOverlayDispatcher {
+ public:
+  using Push = std::function<void(Qel::IO::YCommandPtr request)>;
+
+  explicit YOverlayDispatcher(YAgentState& state);
+
+  // The reply to `request`; raises YError for an error reply.
+  Qel::IO::YCommandPtr Dispatch(const Qel::IO::YCommand& request, const Push& push);
+
+  // The methods the table knows, for logs and tests.
+  std::vector<Qel::YString> GetMethods() const;
+
+ private:
+  using Handler = Qel::JSON::YObject (YOverlayDispatcher::*)(const Qel::JSON::YObject& params, const Push& push);
+
+  Qel::JSON::YObject DebugList(const Qel::JSON::YObject& params, const Push& push);
+  Qel::JSON::YObject DebugEnable(const Qel::JSON::YObject& params, const Push& push);
+  Qel::JSON::YObject DebugDisable(const Qel::JSON::YObject& params, const Push& push);
+  Qel::JSON::YObject ConfigDbPut(const Qel::JSON::YObject& params, const Push& push);
+  Qel::JSON::YObject WatchdogTrigger(const Qel::JSON::YObject& params, const Push& push);
+  Qel::JSON::YObject ResyncShareList(const Qel::JSON::YObject& params, const Push& push);
+  Qel::JSON::YObject ResyncAll(const Qel::JSON::YObject& params, const Push& push);
+  Qel::JSON::YObject GetRootShare(const Qel::JSON::YObject& params, const Push& push);
+  Qel::JSON::YObject PathStatusSync(const Qel::JSON::YObject& params, const Push& push);
+  Qel::JSON::YObject PathStatusCached(const Qel::JSON::YObject& params, const Push& push);
+
+  void Rescan(const char* why);
+  std::vector<Qel::YString> MessageNames(const Qel::JSON::YObject& params) const;
+
+  YAgentState& state_;
+  std::map<Qel::YString, Handler> table_;
+};
+
+}  // namespace Agent

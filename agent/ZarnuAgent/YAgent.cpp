@@ -65,7 +65,7 @@ void YAgent::OnAccept(std::shared_ptr<Qel::IO::YIoBase> io, bool remote) {
   if (!remote) {
     const std::optional<uint32_t> uid = io->GetPeerUid();
     if (!uid || *uid != ::getuid()) {
-      Log().Write(kLogSession, "Refused a client of uid " + (uid ? std::to_string(*uid) : std::string("unknown")) +
+      Log().Write(kLogExc, "Refused a client of uid " + (uid ? std::to_string(*uid) : std::string("unknown")) +
                                    " (the agent serves uid " + std::to_string(::getuid()) + " only)");
       io->Close();
       return;

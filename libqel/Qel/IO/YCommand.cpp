@@ -23,11 +23,13 @@ YCommandPtr YCommand::CreateRequest(const YString& method) {
 YCommandPtr YCommand::CreateReply(const YCommand& request) {
   auto reply = std::make_shared<YCommand>();
   reply->SetId(request.GetId());
+  reply->SetResult(JSON::YObject());
   return reply;
 }
 
 YCommandPtr YCommand::CreateErrorReply(const YCommand& request, const Exception::YError& error) {
-  YCommandPtr reply = CreateReply(request);
+  auto reply = std::make_shared<YCommand>();
+  reply->SetId(request.GetId());
   JSON::YObject e;
   e.Set("code", JSON::YValue(error.GetCcode()));
   e.Set("sub_code", JSON::YValue(error.GetSubCode()));

@@ -29,7 +29,7 @@ class YCommand {
   explicit YCommand(JSON::YObject object) : object_(std::move(object)) {}
 
   static YCommandPtr CreateRequest(const YString& method);
-  // An empty reply (no "result" members yet) to `request`.
+  // A reply to `request` with an empty "result" object.
   static YCommandPtr CreateReply(const YCommand& request);
   // A reply to `request` that carries `error`.
   static YCommandPtr CreateErrorReply(const YCommand& request, const Exception::YError& error);

@@ -1,0 +1,170 @@
+"""The real ZarnuAgent for end-to-end tests, and a client of its overlay socket.
+
+AgentProcess starts `ZarnuAgent` for a data folder, waits for its "listening on"
+line and stops it by process id. OverlayConnection speaks the overlay frames of
+docs/overlay-protocol.md (magic "ZOV1", big-endian body length, big-endian JSON
+length, JSON, attachments) and answers the agent's own requests.
+"""
+import json
+import os
+import pathlib
+import selectors
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import time
+
+REPO = pathlib.Path(__file__).resolve().parent.parent
+
+
+def bin_dir() -> pathlib.Path:
+    return pathlib.Path(os.environ.get("ZARNU_BIN_DIR", REPO / "build" / "release" / "bin"))
+
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent / "cloud"))
+from cloudservice import CloudProcess, add_user  # noqa: E402,F401  (re-exported for the suites)
+
+START_TIMEOUT = 30
+
+
+def agent_env(data_dir, home):
+    env = dict(os.environ)
+    env["ZARNU_DATA"] = str(data_dir)
+    env["HOME"] = str(home)
+    env.pop("ZARNU_CLOUD_ADDRESS", None)
+    return env
+
+
+class AgentProcess:
+    """One running ZarnuAgent; `lines` holds its "listening on" addresses."""
+
+    def __init__(self, data_dir, home, *switches):
+        self.data_dir = pathlib.Path(data_dir)
+        self.env = agent_env(data_dir, home)
+        self.switches = switches
+        self.proc = None
+        self.lines = []
+
+    @property
+    def socket_path(self):
+        return self.data_dir / "zarnuagent-overlay.socket"
+
+    def start(self, expected_lines=1):
+        self.proc = subprocess.Popen([str(bin_dir() / "ZarnuAgent"), *self.switches], env=self.env,
+                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE, stdin=subprocess.DEVNULL)
+        sel = selectors.DefaultSelector()
+        sel.register(self.proc.stdout, selectors.EVENT_READ)
+        deadline = time.monotonic() + START_TIMEOUT
+        buffer = b""
+        try:
+            while buffer.count(b"\n") < expected_lines:
+                remaining = deadline - time.monotonic()
+                if remaining <= 0 or not sel.select(remaining):
+                    self.stop(signal.SIGKILL)
+                    raise AssertionError("ZarnuAgent did not print its listening line")
+                chunk = os.read(self.proc.stdout.fileno(), 4096)
+                if not chunk:
+                    code = self.proc.wait()
+                    raise AssertionError(f"ZarnuAgent exited with {code}: {self.proc.stderr.read().decode()}")
+                buffer += chunk
+        finally:
+            sel.close()
+        self.lines = buffer.decode().splitlines()
+        assert all(line.startswith("listening on ") for line in self.lines), self.lines
+        return self
+
+    def stop(self, sig=signal.SIGTERM):
+        """Signals the agent by process id and waits; returns its exit status."""
+        if self.proc is None:
+            return None
+        if self.proc.poll() is None:
+            os.kill(self.proc.pid, sig)
+        try:
+            code = self.proc.wait(timeout=30)
+        except subprocess.TimeoutExpired:
+            os.kill(self.proc.pid, signal.SIGKILL)
+            code = self.proc.wait()
+        self.proc.stdout.close()
+        self.proc.stderr.close()
+        self.proc = None
+        return code
+
+    def log(self):
+        path = self.data_dir / "agent.log"
+        return path.read_text(errors="replace") if path.exists() else ""
+
+    def connect(self):
+        return OverlayConnection.unix(self.socket_path)
+
+
+def encode_frame(obj, attachments=()):
+    text = json.dumps(obj).encode()
+    body = struct.pack(">I", len(text)) + text + b"".join(struct.pack(">I", len(a)) + a for a in attachments)
+    return b"ZOV1" + struct.pack(">I", len(body)) + body
+
+
+class OverlayConnection:
+    """A client session: request() sends and waits for the matching reply; the
+    agent's own requests met meanwhile are answered and kept in `pushed`."""
+
+    def __init__(self, sock):
+        self.sock = sock
+        self.sock.settimeout(10)
+        self.next_id = 1
+        self.pushed = []
+
+    @classmethod
+    def unix(cls, path):
+        sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        sock.connect(str(path))
+        return cls(sock)
+
+    @classmethod
+    def tcp(cls, address):
+        host, port = address.rsplit(":", 1)
+        return cls(socket.create_connection((host, int(port)), timeout=10))
+
+    def close(self):
+        self.sock.close()
+
+    def send(self, obj):
+        self.sock.sendall(encode_frame(obj))
+
+    def _exactly(self, n):
+        data = b""
+        while len(data) < n:
+            chunk = self.sock.recv(n - len(data))
+            if not chunk:
+                raise ConnectionError("the agent closed the session")
+            data += chunk
+        return data
+
+    def receive(self):
+        magic, length = struct.unpack(">4sI", self._exactly(8))
+        assert magic == b"ZOV1", magic
+        body = self._exactly(length)
+        (json_len,) = struct.unpack(">I", body[:4])
+        return json.loads(body[4:4 + json_len])
+
+    def request(self, method, **params):
+        ident = self.next_id
+        self.next_id += 1
+        message = {"id": ident, "method": method}
+        if params:
+            message["params"] = params
+        self.send(message)
+        while True:
+            frame = self.receive()
+            if "method" in frame:
+                self.pushed.append(frame)
+                self.send({"id": frame["id"], "result": {}})
+                continue
+            assert frame["id"] == ident, frame
+            return frame
+
+    def result(self, method, **params):
+        reply = self.request(method, **params)
+        assert "error" not in reply, reply
+        return reply["result"]

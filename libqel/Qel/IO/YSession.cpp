@@ -352,7 +352,10 @@ void SessionOps::End(const std::shared_ptr<YSession>& self, YSession::State& s, 
   }
   if (io) io->Close();
   const Exception::YError e =
-      why.GetCcode() == kNoSession ? why : NoSession("session ended: " + why.GetSummary(), "End");
+      why.GetCcode() == kNoSession
+          ? why
+          : NoSession("session ended: " + why.GetDescription() + (why.GetInfo().empty() ? "" : " (" + why.GetInfo() + ")"),
+                      "End");
   for (auto& [id, completion] : pending) {
     if (completion) completion(self, nullptr, &e);
   }

@@ -25,6 +25,15 @@ constexpr const char* kAuthMethod = "overlay_auth";
 
 Qel::Log::YLog& Log() { return Qel::Log::GetGlobalLogger(); }
 
+// Compares two secrets in time that depends on their lengths only.
+bool SameSecret(const Qel::YString& given, const Qel::YString& expected) {
+  unsigned char differ = given.size() == expected.size() ? 0 : 1;
+  for (size_t i = 0; i < given.size(); ++i) {
+    differ |= static_cast<unsigned char>(given[i] ^ expected[i % (expected.empty() ? 1 : expected.size())]);
+  }
+  return !expected.empty() && differ == 0;
+}
+
 }  // namespace
 
 YAgent::YAgent(const Qel::YString& dataFolder, const Qel::YString& tcpAddress)
@@ -40,7 +49,8 @@ void YAgent::TakeLock() {
   lock_fd_ = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   if (lock_fd_ < 0) QEL_RAISE_OS(kLogApp, errno, path, kFile, "TakeLock");
   if (::flock(lock_fd_, LOCK_EX | LOCK_NB) != 0) {
-    if (errno == EWOULDBLOCK) QEL_RAISE(kLogApp, kAgentAlreadyRunning, "data folder " + data_folder_, kFile, "TakeLock");
+    // The code's text says it all; the one-line report names nothing more.
+    if (errno == EWOULDBLOCK) QEL_RAISE(kLogApp, kAgentAlreadyRunning, "", kFile, "TakeLock");
     QEL_RAISE_OS(kLogApp, errno, path, kFile, "TakeLock");
   }
   const std::string pid = std::to_string(::getpid()) + "\n";
@@ -77,14 +87,13 @@ void YAgent::OnAccept(std::shared_ptr<Qel::IO::YIoBase> io, bool remote) {
   YAgentState* state = state_.get();
   YOverlayDispatcher* dispatcher = dispatcher_.get();
   auto session = std::make_shared<Qel::IO::YSession>(
-      [this, trusted, service, state, dispatcher](std::shared_ptr<Qel::IO::YSession> s,
+      [trusted, service, state, dispatcher](std::shared_ptr<Qel::IO::YSession> s,
                                                   Qel::IO::YCommandPtr request) -> Qel::IO::YCommandPtr {
-        state->sessionsOpen = CountOpenSessions();
         if (!trusted->load()) {
           const Qel::YString token = state->GetToken();
           const bool proven = request->GetMethod() == kAuthMethod && !token.empty() &&
                               request->GetParams().Has("auth_token") &&
-                              request->GetParams().Get<Qel::YString>("auth_token", kLogSession) == token;
+                              SameSecret(request->GetParams().Get<Qel::YString>("auth_token", kLogSession), token);
           if (!proven) {
             std::weak_ptr<Qel::IO::YSession> weak = s;
             service->RunAfter(Qel::Time::YDuration::Milliseconds(100), [weak] {
@@ -124,6 +133,7 @@ int YAgent::Run() {
   state_ = std::make_unique<YAgentState>(data_folder_);
   state_->Reload();
   state_->RestoreLogTypes();
+  state_->SetOpenSessionCounter([this] { return CountOpenSessions(); });
   dispatcher_ = std::make_unique<YOverlayDispatcher>(*state_);
   log.Write(kLogApp, "ZarnuAgent " + Qel::YString(kVersion) + " starting for " + data_folder_ + " (pid " +
                          std::to_string(::getpid()) + ")");
@@ -140,6 +150,8 @@ int YAgent::Run() {
   log.Write(kLogApp, "Listening on " + socket_path + (state_->GetRootFolder().empty()
                                                           ? Qel::YString(", not linked")
                                                           : ", root folder " + state_->GetRootFolder()));
+  // The socket's line comes first; a TCP listener gets a second line with its
+  // real address (port 0 picks a free port).
   std::printf("listening on %s\n", socket_path.c_str());
   if (tcp_listener_) std::printf("listening on %s\n", tcp_listener_->GetAddress().c_str());
   std::fflush(stdout);

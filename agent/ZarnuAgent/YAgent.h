@@ -3,7 +3,8 @@
 // Run() takes the data folder's lock (a second agent gets code 197), opens
 // agent.log, serves the overlay socket (mode 0600, peers of other users
 // refused) and, when asked, a TCP listener whose sessions must first prove
-// the account's token, prints "listening on <socket>" and waits for SIGTERM,
+// the account's token, prints "listening on <socket>" (and a second line
+// "listening on HOST:PORT" for the TCP listener) and waits for SIGTERM,
 // SIGINT or SIGHUP. It then closes the listeners and sessions, removes the
 // socket and returns 0.
 //

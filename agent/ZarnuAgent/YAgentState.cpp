@@ -39,6 +39,13 @@ void YAgentState::Reload() {
   settings_.Load(*db_);
 }
 
+void YAgentState::ReloadLink() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  user_ = db_->GetAuthUser();
+  token_ = db_->GetAuthToken();
+  root_ = db_->GetRootFolder();
+}
+
 Qel::YString YAgentState::GetRootFolder() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return root_;
@@ -78,6 +85,20 @@ void YAgentState::SetLogTypes(const std::vector<Qel::YString>& names, bool enabl
     if (log.IsEnabled(number)) kept += (kept.empty() ? "" : ",") + name;
   }
   PutOption(kLogTypesOption, kept);
+}
+
+void YAgentState::SetOpenSessionCounter(std::function<uint64_t()> counter) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  open_sessions_ = std::move(counter);
+}
+
+uint64_t YAgentState::CountOpenSessions() const {
+  std::function<uint64_t()> counter;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    counter = open_sessions_;
+  }
+  return counter ? counter() : 0;
 }
 
 std::chrono::seconds YAgentState::GetUptime() const {

@@ -9,6 +9,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -33,6 +34,9 @@ class YAgentState {
 
   // Re-reads user, token and root folder from config.db and the settings.
   void Reload();
+  // Re-reads user, token and root folder only (a "-link" run beside the
+  // agent writes them); the in-memory settings stay as they are.
+  void ReloadLink();
   Qel::YString GetRootFolder() const;
   Qel::YString GetUser() const;
   Qel::YString GetToken() const;
@@ -47,7 +51,10 @@ class YAgentState {
   void SetLogTypes(const std::vector<Qel::YString>& names, bool enabled);
 
   std::chrono::seconds GetUptime() const;
-  std::atomic<uint64_t> sessionsOpen{0};
+  // The number of connected clients, as the agent counts them (0 when no
+  // counter was given).
+  void SetOpenSessionCounter(std::function<uint64_t()> counter);
+  uint64_t CountOpenSessions() const;
   std::atomic<uint64_t> sessionsServed{0};
   std::atomic<uint64_t> requestsHandled{0};
 
@@ -61,6 +68,7 @@ class YAgentState {
   Qel::YString root_;
   YAgentSettings settings_;
   YPathStatusTable path_statuses_;
+  std::function<uint64_t()> open_sessions_;  // guarded by mutex_
 };
 
 }  // namespace Agent

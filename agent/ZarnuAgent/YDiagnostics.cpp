@@ -15,6 +15,8 @@ namespace {
 
 constexpr std::string_view kReportPrefix = "problem-report-";
 constexpr std::string_view kAgentSuffix = "-agent.txt";
+// Diagnostics written when there was no report start with this.
+constexpr std::string_view kAgentPrefix = "problem-report-agent-";
 
 // The newest report a user left (not a diagnostics file of ours), or "".
 std::filesystem::path NewestReport(const std::filesystem::path& folder) {
@@ -23,7 +25,10 @@ std::filesystem::path NewestReport(const std::filesystem::path& folder) {
   std::error_code ec;
   for (const auto& entry : std::filesystem::directory_iterator(folder, ec)) {
     const std::string name = entry.path().filename().string();
-    if (!name.starts_with(kReportPrefix) || !name.ends_with(".txt") || name.ends_with(kAgentSuffix)) continue;
+    if (!name.starts_with(kReportPrefix) || !name.ends_with(".txt") || name.ends_with(kAgentSuffix) ||
+        name.starts_with(kAgentPrefix)) {
+      continue;
+    }
     const auto t = entry.last_write_time(ec);
     if (ec) continue;
     if (newest.empty() || t > newest_time || (t == newest_time && entry.path() > newest)) {
@@ -55,7 +60,7 @@ Qel::YString WriteDiagnostics(YAgentState& state) {
   const std::filesystem::path report = NewestReport(folder);
   std::string name;
   if (report.empty()) {
-    name = std::string(kReportPrefix) + "agent-" +
+    name = std::string(kAgentPrefix) +
            std::to_string(Qel::Time::GetClockTime(Qel::Time::kClockRealtime).GetSeconds()) + ".txt";
   } else {
     const std::string stem = report.filename().string();
@@ -69,7 +74,7 @@ Qel::YString WriteDiagnostics(YAgentState& state) {
   text += "linked user: " + (user.empty() ? std::string("(not linked)") : std::string(user)) + "\n";
   text += "root folder: " + (root.empty() ? std::string("(none)") : std::string(root)) + "\n";
   text += "problem report: " + (report.empty() ? std::string("(none)") : report.filename().string()) + "\n";
-  text += "sessions open: " + std::to_string(state.sessionsOpen.load()) + "\n";
+  text += "sessions open: " + std::to_string(state.CountOpenSessions()) + "\n";
   text += "sessions served: " + std::to_string(state.sessionsServed.load()) + "\n";
   text += "requests handled: " + std::to_string(state.requestsHandled.load()) + "\n";
   text += "path statuses known: " + std::to_string(state.GetPathStatuses().Size()) + "\n";

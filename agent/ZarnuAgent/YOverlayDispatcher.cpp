@@ -42,10 +42,10 @@ std::vector<Qel::YString> YOverlayDispatcher::GetMethods() const {
 Qel::IO::YCommandPtr YOverlayDispatcher::Dispatch(const Qel::IO::YCommand& request, const Push& push) {
   const Qel::YString method = request.GetMethod();
   ++state_.requestsHandled;
-  Log().Write(kLogOvaMessages, "Request " + method + " " + request.ToJsonText());
+  if (Log().IsEnabled(kLogOvaMessages)) Log().Write(kLogOvaMessages, "Request " + method + " " + request.ToJsonText());
   auto it = table_.find(method);
   if (it == table_.end()) {
-    QEL_RAISE(kLogExc, kUnknownMethod, "Unrecognized overlay method \"" + method + "\"", kFile, "Dispatch");
+    QEL_RAISE(kLogExc, kUnknownMethod, "method \"" + method + "\"", kFile, "Dispatch");
   }
   Qel::IO::YCommandPtr reply = Qel::IO::YCommand::CreateReply(request);
   reply->SetResult((this->*(it->second))(request.GetParams(), push));
@@ -141,6 +141,9 @@ Qel::JSON::YObject YOverlayDispatcher::ResyncAll(const Qel::JSON::YObject&, cons
 }
 
 Qel::JSON::YObject YOverlayDispatcher::GetRootShare(const Qel::JSON::YObject&, const Push&) {
+  // Clients ask once per connection, so the link is read afresh: a "-link"
+  // run beside the agent shows without a restart.
+  state_.ReloadLink();
   Qel::JSON::YObject result;
   result.Set("share_path", Qel::JSON::YValue(state_.GetRootFolder()));
   return result;

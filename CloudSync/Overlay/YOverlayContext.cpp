@@ -217,7 +217,9 @@ void YOverlayContext::SubmitAgentRequestAsync(Qel::IO::YCommandPtr command, Comp
 Qel::IO::YCommandPtr YOverlayContext::ProcessAgentRequest(std::shared_ptr<Qel::IO::YSession>,
                                                           Qel::IO::YCommandPtr request) {
   const Qel::YString method = request->GetMethod();
-  Log("Processing agent request " + method + " " + request->ToJsonText());
+  if (Qel::Log::GetGlobalLogger().IsEnabled(kLogOva)) {
+    Log("Processing agent request " + method + " " + request->ToJsonText());
+  }
   if (method == "ova_refresh_path") {
     for (const Qel::JSON::YValuePtr& v : request->GetParams().Get<Qel::JSON::YArray>("paths", kLogOva)) {
       const Qel::JSON::YObject entry = v ? v->AsObject() : Qel::JSON::YObject();

@@ -1,7 +1,8 @@
 // Transports over Boost.Asio. One class serves both Unix-domain and TCP
 // streams through Asio's generic stream protocol. Invariants: every socket
-// operation runs on the transport's strand (callers' threads only post to
-// it), so at most one thread touches a socket at a time; a connect handler
+// operation runs on the transport's strand (other threads post to it; code
+// already on the strand, such as a read completion that answers, runs
+// inline), so at most one thread touches a socket at a time; a connect handler
 // runs exactly once (the `done` flag, set on the strand, decides between the
 // connect completion and its timer).
 #include "Qel/IO/YIo.h"
@@ -14,6 +15,7 @@
 #include <netinet/tcp.h>
 
 #include <boost/asio/bind_executor.hpp>
+#include <boost/asio/dispatch.hpp>
 #include <boost/asio/generic/stream_protocol.hpp>
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/local/stream_protocol.hpp>
@@ -167,7 +169,7 @@ class SocketIo final : public Base {
 
   void ReadSome(char* buffer, size_t size, YIoBase::ReadHandler handler) override {
     auto self = Self();
-    asio::post(strand_, [self, buffer, size, handler = std::move(handler)]() mutable {
+    asio::dispatch(strand_, [self, buffer, size, handler = std::move(handler)]() mutable {
       self->socket_.async_read_some(asio::buffer(buffer, size),
                                     [self, handler](const boost::system::error_code& ec, size_t n) {
                                       if (ec) {
@@ -183,7 +185,7 @@ class SocketIo final : public Base {
 
   void WriteAll(std::shared_ptr<const std::string> data, YIoBase::WriteHandler handler) override {
     auto self = Self();
-    asio::post(strand_, [self, data = std::move(data), handler = std::move(handler)]() mutable {
+    asio::dispatch(strand_, [self, data = std::move(data), handler = std::move(handler)]() mutable {
       asio::async_write(self->socket_, asio::buffer(*data),
                         [self, data, handler](const boost::system::error_code& ec, size_t) {
                           if (ec) {

@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Runs Zarnu locally on its embedded defaults: installs what is missing, builds,
 # starts a local cloud service (HTTPS with its own certificate) in a scratch
-# folder, creates a demo account and takes a short tour of zarnucmd. Stops the
-# service before it ends. Usage: scripts/demo.sh [scratch-folder]
+# folder, creates a demo account, links and starts the agent, and takes a short
+# tour of zarnucmd. Stops the agent and the service before it ends.
+# Usage: scripts/demo.sh [scratch-folder]
 set -euo pipefail
 cd "$(dirname "$0")/.."
 repo=$(pwd)
@@ -12,14 +13,19 @@ bin="$repo/build/release/bin"
 
 scratch="${1:-$repo/build/demo}"
 rm -rf "$scratch"
-mkdir -p "$scratch/cloud" "$scratch/zarnu" "$scratch/files/photos"
+mkdir -p "$scratch/cloud" "$scratch/zarnu" "$scratch/files/photos" "$scratch/Zarnu"
 export ZARNU_DATA="$scratch/zarnu"
 
 log="$scratch/cloud.log"
 mkfifo "$scratch/cloud.out"
 "$bin/zarnu-cloud" serve --data "$scratch/cloud" --listen 127.0.0.1:0 --self-signed >"$scratch/cloud.out" 2>"$log" &
 cloud_pid=$!
-trap 'kill "$cloud_pid" 2>/dev/null; wait "$cloud_pid" 2>/dev/null || true' EXIT
+agent_pid=""
+stop_all() {
+  if [ -n "$agent_pid" ]; then kill "$agent_pid" 2>/dev/null; wait "$agent_pid" 2>/dev/null || true; fi
+  kill "$cloud_pid" 2>/dev/null; wait "$cloud_pid" 2>/dev/null || true
+}
+trap stop_all EXIT
 
 # The service prints one line, "listening on <url>", once it accepts connections.
 exec 3<"$scratch/cloud.out"
@@ -42,6 +48,21 @@ echo "hello from zarnu" >"$scratch/files/hello.txt"
 head -c 3000000 /dev/urandom >"$scratch/files/photos/big.bin"
 : >"$scratch/files/photos/empty.txt"
 
+# Links the agent to the demo account and starts it; it prints one line,
+# "listening on <socket>", once its overlay socket accepts connections.
+echo "demo-password" | "$bin/ZarnuAgent" -link -username=demo -root="$scratch/Zarnu" -cloudAddress="$url" >/dev/null
+mkfifo "$scratch/agent.out"
+"$bin/ZarnuAgent" >"$scratch/agent.out" 2>"$scratch/agent.err" &
+agent_pid=$!
+exec 4<"$scratch/agent.out"
+line=""
+read -r -t 60 line <&4 || true
+if [ "${line#listening on }" = "$line" ]; then
+  cat "$scratch/agent.err" >&2
+  echo "demo: the agent did not start" >&2
+  exit 1
+fi
+
 z() {
   echo
   echo "\$ zarnucmd $*"
@@ -49,10 +70,20 @@ z() {
 }
 
 echo "Cloud service: $url (data in $scratch/cloud); agent data folder: $ZARNU_DATA"
+echo "Agent: pid $agent_pid, ${line}, root folder $scratch/Zarnu"
 z -version
 z Config get csmCloudAddress
+echo
+echo "(the agent takes the change and applies it at once; its log says so:)"
 z Config put csmCurlTimeout 120
 z Config get csmCurlTimeout
+grep -h "csmCurlTimeout" "$ZARNU_DATA/agent.log" | tail -n 1 || true
+z Debug msg -list "CSM_(OVA|CLOUD|PEER).*"
+z Debug msg -enable "CSM_PEER.*"
+z Debug msg -list "CSM_PEER.*"
+z Debug feedback -message="The demo went well"
+echo "(the report, and the agent's diagnostics beside it:)"
+ls "$ZARNU_DATA/crashes"
 z Cloud authClient "${login[@]}"
 z Cloud mkdir /docs "${login[@]}"
 z Cloud put "$scratch/files/hello.txt" /docs "${login[@]}"
@@ -70,5 +101,6 @@ echo "(a download never overwrites a local file:)"
 z Cloud get /docs/hello.txt "$scratch/hello-copy.txt" "${login[@]}"
 z Cloud ls /nothing-here "${login[@]}"
 echo
-echo "Demo finished; the cloud service is stopped. Try your own commands with:"
+echo "Demo finished; the agent and the cloud service are stopped. Try your own commands with:"
+echo "  ZARNU_DATA=$ZARNU_DATA $bin/ZarnuAgent &"
 echo "  ZARNU_DATA=$ZARNU_DATA $bin/zarnucmd -help"

@@ -7,7 +7,7 @@ set -euo pipefail
 repo="$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)"
 seconds="${1:-600}"
 build="$repo/build/fuzz"
-san="-fsanitize=address,undefined -fno-omit-frame-pointer"
+san="-fsanitize=address,undefined,fuzzer-no-link -fno-omit-frame-pointer"
 CC=clang CXX=clang++ cmake -S "$repo" -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DZARNU_FUZZ=ON \
   -DZARNU_BUILD_TESTS=OFF -DZARNU_BUILD_BENCH=OFF -DCMAKE_CXX_FLAGS="$san" -DCMAKE_C_FLAGS="$san" >/dev/null
 cmake --build "$build" --target overlay_fuzz

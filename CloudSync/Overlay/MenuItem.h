@@ -3,7 +3,8 @@
 // "flags", "command_id", "command_arg" {"type", "data": binary},
 // "sub_menus" (array, in order) and the optional "avatar" and "preview"
 // images. Read requires every key but the two images (code 56, log type
-// 198). Held by shared pointer. Thread-safety: a value.
+// 198). "flags" and the command ids are the agent's; the client passes them
+// through. Held by shared pointer. Thread-safety: a value.
 #pragma once
 
 #include <memory>
@@ -18,9 +19,6 @@ namespace OverlayClient {
 
 class MenuItem;
 using MenuItemPtr = std::shared_ptr<MenuItem>;
-
-// Menu flag bit: the item's description is a detail line for status displays.
-inline constexpr uint64_t kMenuFlagDetail = 1;
 
 class MenuItem {
  public:

@@ -38,17 +38,15 @@ Qel::JSON::YArray TextArray(const std::vector<Qel::YString>& texts) {
   return array;
 }
 
-// Sleeps `step` in slices of at most 50 ms, checking for a termination
-// request between them, and returns early once `ready()` holds. The first
-// slices are short (1, 2, 4 ... ms): a local agent answers a connect within a
-// millisecond, and a command should not pay a whole step for it.
-template <class Ready>
-void SleepStep(Qel::Time::YDuration step, Ready ready) {
-  Qel::Time::YDuration slice = Qel::Time::YDuration::Milliseconds(1);
-  for (Qel::Time::YDuration slept; slept < step; slept += slice, slice = std::min(slice + slice, kSleepSlice)) {
+// Sleeps `step` in slices of 50 ms, checking for a termination request
+// between them. Returns early once `settled()` holds (the attempt connected or
+// failed): the outcome is the same as after the whole step, only sooner.
+template <class Settled>
+void SleepStep(Qel::Time::YDuration step, Settled settled) {
+  for (Qel::Time::YDuration slept; slept < step; slept += kSleepSlice) {
     Qel::Thread::TerminateCheck();
-    if (ready()) return;
-    qel_sleep(static_cast<unsigned int>(std::min(step - slept, slice).GetMilliseconds()));
+    if (settled()) return;
+    qel_sleep(static_cast<unsigned int>(std::min(step - slept, kSleepSlice).GetMilliseconds()));
   }
   Qel::Thread::TerminateCheck();
 }

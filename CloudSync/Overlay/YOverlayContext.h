@@ -90,6 +90,9 @@ class YOverlayContext : public std::enable_shared_from_this<YOverlayContext> {
   // The error of the last failed connection attempt (code 0 when none).
   Qel::Exception::YError GetLastConnectError() const;
   Qel::Container::YCacheMap<Qel::YString, PathStatus>& GetCache() { return cache_; }
+  // How many threads are inside GetSession right now (the connect
+  // reservation's count); a diagnostic, stale as soon as it is read.
+  unsigned int GetSessionCallers() const { return reservation_.GetCount(); }
 
  private:
   YOverlayContext(const Qel::YString& address, Qel::IO::YService& service, bool isLocal, StatusCallback status,

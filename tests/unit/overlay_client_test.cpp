@@ -2,9 +2,12 @@
 // agent built from the real runtime (a Unix socket, real sessions), the
 // requests the agent sends it, remote.cfg, and the menu model.
 #include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <thread>
@@ -188,6 +191,30 @@ TEST_F(OverlayContextTest, NoAgentIsAConnectErrorAndSubmissionsFailWith88) {
   EXPECT_EQ(context_->GetRootShare(), "") << "a failed root share request is an empty path";
 }
 
+TEST_F(OverlayContextTest, ARefusedConnectionIsKeptAsTheLastErrorUntilTheNextAttempt) {
+  {
+    // A socket file with nothing listening on it, as a crashed agent leaves.
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_GE(fd, 0);
+    sockaddr_un addr{};
+    addr.sun_family = AF_UNIX;
+    std::strncpy(addr.sun_path, socket_.c_str(), sizeof addr.sun_path - 1);
+    ASSERT_EQ(::bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
+    ::close(fd);
+  }
+  ASSERT_TRUE(std::filesystem::exists(socket_));
+  MakeContext(socket_);
+  EXPECT_EQ(context_->GetSession(YDuration::Seconds(5)), nullptr);
+  EXPECT_EQ(context_->GetLastConnectError().GetCcode(), static_cast<unsigned int>(ECONNREFUSED));
+
+  // Once an agent listens there, the next call closes the errored transport
+  // and connects afresh.
+  std::filesystem::remove(socket_);
+  agent_ = std::make_unique<InProcessAgent>(socket_);
+  ASSERT_NE(context_->GetSession(YDuration::Seconds(3)), nullptr);
+  EXPECT_EQ(context_->GetLastConnectError().GetCcode(), 0u);
+}
+
 TEST_F(OverlayContextTest, ASecondCallerDoesNotWaitWhileAnotherConnects) {
   // An address too long for a socket makes the attempt fail through the
   // 2-second timer, so the first caller is certainly still waiting.
@@ -197,8 +224,9 @@ TEST_F(OverlayContextTest, ASecondCallerDoesNotWaitWhileAnotherConnects) {
     EXPECT_EQ(context_->GetSession(YDuration::Seconds(5)), nullptr);
     first_done = true;
   });
-  // Give the first caller time to enter its wait (it stays there ~2 s).
-  std::this_thread::sleep_for(std::chrono::milliseconds(200));
+  // The first caller is inside GetSession once it holds the reservation (it
+  // then stays there about 2 s).
+  while (context_->GetSessionCallers() == 0 && !first_done) std::this_thread::yield();
   const auto started = std::chrono::steady_clock::now();
   EXPECT_EQ(context_->GetSession(YDuration::Seconds(5)), nullptr);
   EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::milliseconds(500));
@@ -235,7 +263,7 @@ TEST(MenuModelTest, MenusTravelWithTheirImagesAndNestedOrder) {
   auto item = std::make_shared<OverlayClient::MenuItem>();
   item->title = "Copy public link";
   item->description = "Synced 2 minutes ago";
-  item->flags = OverlayClient::kMenuFlagDetail;
+  item->flags = 0x11;
   item->commandId = 7;
   item->commandArg.type = 3;
   item->commandArg.data.Assign(reinterpret_cast<const unsigned char*>("arg"), 3);
@@ -255,11 +283,15 @@ TEST(MenuModelTest, MenusTravelWithTheirImagesAndNestedOrder) {
   result.Set("menus", YValue(Qel::JSON::YArray{std::make_shared<YValue>(item->Write())}));
   reply->SetResult(result);
 
-  const YCommand decoded = Qel::IO::DecodeFrame(Qel::IO::EncodeFrame(*reply));
+  const std::string frame = Qel::IO::EncodeFrame(*reply);
+  const std::string png_bytes(reinterpret_cast<const char*>(png), sizeof png);
+  EXPECT_NE(frame.find(png_bytes), std::string::npos) << "images travel as attachments, not as text";
+  const YCommand decoded = Qel::IO::DecodeFrame(frame);
   OverlayClient::MenuItem read;
   read.Read(decoded.GetResult().Get<Qel::JSON::YArray>("menus", 0).at(0)->AsObject());
   EXPECT_EQ(read.title, "Copy public link");
   EXPECT_EQ(read.commandId, 7u);
+  EXPECT_EQ(read.flags, 0x11u);
   EXPECT_EQ(read.commandArg.type, 3u);
   EXPECT_EQ(std::string(reinterpret_cast<const char*>(read.commandArg.data.Get()), 3), "arg");
   ASSERT_NE(read.avatar, nullptr);

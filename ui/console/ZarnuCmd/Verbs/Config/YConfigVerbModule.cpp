@@ -21,6 +21,10 @@ namespace {
 constexpr const char* kFile = "ui/console/ZarnuCmd/Verbs/Config/YConfigVerbModule";
 constexpr const char* kIntType = "int";
 constexpr const char* kTextType = "YString";
+constexpr unsigned int kLogShell = 15;  // the shell's own errors
+constexpr unsigned int kBadValue = 55;  // an unknown option name or type
+constexpr const char* kConfigDbName = "config.db";
+constexpr const char* kConfigPutMethod = "overlay_configdb_put";
 
 }  // namespace
 
@@ -33,7 +37,7 @@ YConfigVerbModule::YConfigVerbModule(Qel::Application::YConsoleMain* app)
     : YZarnuCmdVerbModule(app, "Config", "Muck with your Zarnu agent configuration, including hidden advanced options\n *WARNING* Modifying entries in here can break zarnu!",
                           {
                           }),
-      config_db_(Qel::File::GetPathName(Qel::File::kMapData, "config.db")) {
+      config_db_(Qel::File::GetPathName(Qel::File::kMapData, kConfigDbName)) {
   RegisterVerb(std::make_shared<YGetVerb>(app, this));
   RegisterVerb(std::make_shared<YListVerb>(app, this));
   RegisterVerb(std::make_shared<YPutVerb>(app, this));
@@ -48,7 +52,7 @@ void YConfigVerbModule::Prepare(unsigned int& exitCode) {
 void YConfigVerbModule::AddOption(const Qel::YString& name, const boost::any& defaultValue) {
   const Qel::YString type = Qel::Util::ParseTypeName(defaultValue.type());
   if (type != kIntType && type != kTextType) {
-    QEL_RAISE(15, 55, "Unsupported type " + type + " of config option " + name, kFile, "AddOption");
+    QEL_RAISE(kLogShell, kBadValue, "Unsupported type " + type + " of config option " + name, kFile, "AddOption");
   }
   options_[name] = YOptionEntry{defaultValue, type};
 }
@@ -102,7 +106,7 @@ void YConfigVerbModule::BuildOptionTable() {
 const YConfigVerbModule::YOptionEntry& YConfigVerbModule::Find(const Qel::YString& name,
                                                                const char* function) const {
   auto it = options_.find(name);
-  if (it == options_.end()) QEL_RAISE(15, 55, "No such config option " + name, kFile, function);
+  if (it == options_.end()) QEL_RAISE(kLogShell, kBadValue, "No such config option " + name, kFile, function);
   return it->second;
 }
 
@@ -121,7 +125,7 @@ void YConfigVerbModule::PutOption(const Qel::YString& name, const Qel::YString& 
   // agent can be reached, or it refuses, the database is written directly.
   try {
     std::shared_ptr<Qel::IO::YSession> session = OverlayClient::ConnectToAgent();
-    Qel::IO::YCommandPtr request = Qel::IO::YCommand::CreateRequest("overlay_configdb_put");
+    Qel::IO::YCommandPtr request = Qel::IO::YCommand::CreateRequest(kConfigPutMethod);
     request->SetParam("option", Qel::JSON::YValue(name));
     request->SetParam("value", Qel::JSON::YValue(value));
     session->ProcessRequest(request, Qel::Time::Infinity());

@@ -3,6 +3,7 @@ folder, the overlay socket and what it answers, and its survival of garbage."""
 import os
 import pathlib
 import shutil
+import signal
 import socket
 import sqlite3
 import stat
@@ -12,7 +13,7 @@ import tempfile
 
 import pytest
 
-from agent_support import AgentProcess, CloudProcess, OverlayConnection, add_user, agent_env, bin_dir
+from agent_support import AgentProcess, CloudProcess, OverlayConnection, add_user, agent_env, bin_dir, encode_frame
 
 
 def config(data_dir):
@@ -36,15 +37,21 @@ def test_one_agent_per_data_folder_and_a_clean_stop(agent, tmp_path, data_dir):
     assert agent.stop() == 0
     assert not agent.socket_path.exists()
     assert "Stopping on signal" in agent.log()
-    # The lock went with the agent: a new one starts on the same folder.
+    # The lock went with the agent: a new one starts on the same folder, and
+    # SIGINT stops it as cleanly.
     again = AgentProcess(data_dir, tmp_path).start()
-    assert again.stop() == 0
+    assert again.stop(signal.SIGINT) == 0
+    assert not agent.socket_path.exists()
 
 
 def test_unknown_methods_and_bad_parameters_get_error_replies(agent):
     conn = agent.connect()
     reply = conn.request("no_such_method")
     assert reply["error"]["code"] == 228 and "no_such_method" in reply["error"]["info"]
+    for method in (None, 42):  # a request whose method is no name
+        conn.send({"id": 900, "method": method})
+        reply = conn.receive()
+        assert (reply["id"], reply["error"]["code"]) == (900, 228), reply
     assert conn.request("overlay_configdb_put", option="csmOverlay")["error"]["code"] == 56
     assert conn.request("overlay_debug_enable", messages=["CSM", "NOPE"])["error"]["code"] == 55
     # The session goes on after each error.
@@ -59,6 +66,27 @@ GARBAGE = {
     "a JSON array": b"ZOV1" + struct.pack(">II", 7, 3) + b"[1]",
     "not JSON": b"ZOV1" + struct.pack(">II", 8, 4) + b"{{{{",
 }
+
+
+def test_a_client_that_never_reads_its_replies_is_dropped(agent):
+    greedy = agent.connect()
+    # About 70 MB of replies that the client never reads: more than the agent
+    # keeps for one peer.
+    frame = encode_frame({"id": 1, "method": "overlay_debug_list"})
+    try:
+        greedy.sock.sendall(frame * 80000)
+    except OSError:
+        pass  # the agent may drop the session before the last request is sent
+    assert agent.connect().result("overlay_get_root_share") == {"share_path": ""}
+    greedy.sock.settimeout(30)
+    received = 0
+    try:
+        while chunk := greedy.sock.recv(1 << 20):
+            received += len(chunk)
+    except ConnectionResetError:
+        pass
+    assert received < 64 * 1024 * 1024, "the session ended before all replies were sent"
+    assert agent.connect().result("overlay_debug_list")["messages"]
 
 
 @pytest.mark.parametrize("what", sorted(GARBAGE))
@@ -175,6 +203,7 @@ def link(data_dir, home, url, password, root):
 
 
 def test_link_stores_the_login_and_a_running_agent_takes_it(tmp_path, agent, data_dir, cloud):
+    assert agent.connect().result("overlay_get_root_share") == {"share_path": ""}
     wrong = link(data_dir, tmp_path, cloud.url, "bad", tmp_path / "Zarnu")
     assert wrong.returncode == 191 and wrong.stderr.startswith("ZarnuAgent: Incorrect username or password")
     assert "csmAuthToken" not in config(data_dir)
@@ -186,9 +215,14 @@ def test_link_stores_the_login_and_a_running_agent_takes_it(tmp_path, agent, dat
     assert len(stored["csmAuthToken"]) >= 32 and stored["csmCloudAddress"] == cloud.url
     assert (tmp_path / "Zarnu").is_dir()
 
+    # A new connection asks again and gets the new root without a restart.
     conn = agent.connect()
-    conn.result("resync_all")  # the running agent re-reads its link
     assert conn.result("overlay_get_root_share") == {"share_path": str(tmp_path / "Zarnu")}
+    (tmp_path / "Zarnu" / "docs").mkdir()
+    (tmp_path / "Zarnu" / "docs" / "a.txt").write_text("a")
+    (tmp_path / "Zarnu" / "b.txt").write_text("b")
+    assert conn.result("resync_all") == {}
+    assert f"Full resync: root folder {tmp_path / 'Zarnu'} holds 2 files in 1 folders" in agent.log()
 
 
 def test_remote_clients_must_prove_the_token(tmp_path, cloud):
@@ -214,3 +248,7 @@ def test_help_and_unknown_switches(tmp_path):
     assert r.returncode == 0 and "-link" in r.stdout and "-listen=VALUE" in r.stdout
     r = subprocess.run([str(bin_dir() / "ZarnuAgent"), "-frobnicate"], env=env, capture_output=True, text=True)
     assert r.returncode == 55 and "-frobnicate" in r.stderr and r.stderr.count("\n") == 1
+    for switch in ("-installOverlay", "-removeOverlay", "-installOutlookAddin", "-removeOutlookAddin"):
+        r = subprocess.run([str(bin_dir() / "ZarnuAgent"), switch], env=env, capture_output=True, text=True)
+        assert (r.returncode, r.stdout) == (1, "") and "not available yet" in r.stderr, (switch, r.stderr)
+        assert r.stderr.count("\n") == 1

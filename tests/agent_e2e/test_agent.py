@@ -53,7 +53,10 @@ def test_unknown_methods_and_bad_parameters_get_error_replies(agent):
         reply = conn.receive()
         assert (reply["id"], reply["error"]["code"]) == (900, 228), reply
     assert conn.request("overlay_configdb_put", option="csmOverlay")["error"]["code"] == 56
-    assert conn.request("overlay_debug_enable", messages=["CSM", "NOPE"])["error"]["code"] == 55
+    refused = conn.request("overlay_debug_enable", messages=["CSM_PEER", "NOPE"])["error"]
+    assert refused["code"] == 55 and "NOPE" in refused["info"]
+    listed = {m["message"]: m["enabled"] for m in conn.result("overlay_debug_list")["messages"]}
+    assert listed["CSM_PEER"] is False, "a refused change changes nothing"
     # The session goes on after each error.
     assert conn.result("overlay_path_status_sync", file_path="/x") == {"cloud_status": 0, "sync_progress": 0,
                                                                        "flags": 0}

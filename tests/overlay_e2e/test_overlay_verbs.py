@@ -114,7 +114,7 @@ def test_without_an_agent_config_falls_back_and_the_debug_verbs_fail_clearly(zar
     for args in (("msg", "-list"), ("resync",), ("feedback", "-message=x")):
         started = time.monotonic()
         r = zarnucmd.run("Debug", *args)
-        assert time.monotonic() - started < 10
+        assert time.monotonic() - started < 6  # the client waits at most 5 s for an agent
         assert (r.returncode, r.stdout) == (55, "")
         assert r.stderr.startswith("zarnucmd: Invalid or unknown value: no agent answers at ")
         assert r.stderr.count("\n") == 1
@@ -155,8 +155,10 @@ def vanishing_agent(zarnucmd):
     thread = threading.Thread(target=serve, daemon=True)
     thread.start()
     yield served
+    server.shutdown(socket.SHUT_RDWR)  # wakes the blocked accept (close alone does not)
     server.close()
     thread.join(timeout=5)
+    assert not thread.is_alive()
 
 
 def test_an_agent_that_goes_away_mid_request_fails_the_verb(zarnucmd, vanishing_agent):

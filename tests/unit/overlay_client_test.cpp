@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <thread>
 
 #include "CloudSync/Overlay/OverlayClient.h"
@@ -35,8 +36,8 @@ std::filesystem::path TempFolder(const char* what) {
   return folder;
 }
 
-// An agent in the test process: answers the root share and counts requests;
-// keeps its sessions so that the test can push requests or drop clients.
+// An agent in the test process: answers the root share, counts requests by
+// method; keeps its sessions so that the test can push requests or drop clients.
 class InProcessAgent {
  public:
   explicit InProcessAgent(const std::string& path) {
@@ -44,7 +45,10 @@ class InProcessAgent {
     listener_ = Qel::IO::YListener::CreateUnix(service_, path, 0600);
     listener_->Start([this](std::shared_ptr<Qel::IO::YIoBase> io) {
       auto session = std::make_shared<Qel::IO::YSession>([this](std::shared_ptr<Qel::IO::YSession>, YCommandPtr r) {
-        ++requests;
+        {
+          std::lock_guard<std::mutex> lock(mutex_);
+          ++counts_[r->GetMethod()];
+        }
         YCommandPtr reply = YCommand::CreateReply(*r);
         YObject result;
         result.Set("share_path", YValue("/home/u/Zarnu"));
@@ -75,13 +79,23 @@ class InProcessAgent {
     }
     return s->ProcessRequest(std::move(request), YDuration::Seconds(3));
   }
-  std::atomic<int> requests{0};
+  int Count(const std::string& method) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return counts_[method];
+  }
+  // Waits (bounded) until `method` arrived `n` times: asynchronous requests
+  // land a little after they are sent.
+  bool AwaitCount(const std::string& method, int n) {
+    for (int i = 0; i < 3000 && Count(method) < n; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return Count(method) == n;
+  }
 
  private:
   Qel::IO::YService service_;
   std::shared_ptr<Qel::IO::YListener> listener_;
   std::mutex mutex_;
   std::vector<std::shared_ptr<Qel::IO::YSession>> sessions_;
+  std::map<std::string, int> counts_;
 };
 
 YCommandPtr RefreshPath(const YString& path, int status, int progress, int flags) {
@@ -115,7 +129,7 @@ class OverlayContextTest : public ::testing::Test {
           std::lock_guard<std::mutex> lock(mutex_);
           pushed_.push_back(s);
         },
-        nullptr);
+        [this] { ++refreshes_; });
   }
   std::vector<PathStatus> Pushed() {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -129,6 +143,7 @@ class OverlayContextTest : public ::testing::Test {
   std::shared_ptr<YOverlayContext> context_;
   std::mutex mutex_;
   std::vector<PathStatus> pushed_;
+  std::atomic<int> refreshes_{0};
 };
 
 TEST(PollStepTest, HalfTheWaitAtMostHalfASecond) {
@@ -154,7 +169,14 @@ TEST_F(OverlayContextTest, ADroppedAgentIsReplacedAndTheCacheAndRootShareStartOv
   ASSERT_NE(first, nullptr);
   EXPECT_EQ(context_->GetRootShare(), "/home/u/Zarnu");
   EXPECT_EQ(context_->GetRootShare(), "/home/u/Zarnu");
-  EXPECT_EQ(agent_->requests.load(), 1) << "the root share is asked once per connection";
+  EXPECT_EQ(agent_->Count("overlay_get_root_share"), 1) << "the root share is asked once per connection";
+
+  // An uncached path is asked for asynchronously each time and reads as the
+  // default status until the agent pushes one.
+  for (int i = 1; i <= 2; ++i) {
+    EXPECT_EQ(context_->GetCachedPathStatus("/home/u/Zarnu/a"), PathStatus{"/home/u/Zarnu/a"});
+    EXPECT_TRUE(agent_->AwaitCount("overlay_path_status_cached", i));
+  }
 
   // A pushed status fills the cache and reaches the callback once; the same
   // status again does nothing; a changed flag alone is news.
@@ -164,7 +186,10 @@ TEST_F(OverlayContextTest, ADroppedAgentIsReplacedAndTheCacheAndRootShareStartOv
   ASSERT_EQ(Pushed().size(), 2u);
   EXPECT_EQ(Pushed()[1].flags, 4u);
   EXPECT_EQ(context_->GetCachedPathStatus("/home/u/Zarnu/a").cloudStatus, OverlayClient::kStatusSynced);
-  EXPECT_EQ(agent_->requests.load(), 1) << "a cache hit does not ask the agent";
+  EXPECT_EQ(agent_->Count("overlay_path_status_cached"), 2) << "a cache hit does not ask the agent";
+
+  agent_->Ask(YCommand::CreateRequest("ova_refresh_menu"));
+  EXPECT_EQ(refreshes_.load(), 1);
 
   // Any other request from the agent is refused with code 1; the session stays.
   EXPECT_EQ(Raised([&] { agent_->Ask(YCommand::CreateRequest("ova_bogus")); }).GetCcode(), 1u);
@@ -178,7 +203,7 @@ TEST_F(OverlayContextTest, ADroppedAgentIsReplacedAndTheCacheAndRootShareStartOv
   EXPECT_NE(second, first);
   EXPECT_EQ(context_->GetCache().Size(), 0u);
   EXPECT_EQ(context_->GetRootShare(), "/home/u/Zarnu");
-  EXPECT_EQ(agent_->requests.load(), 2) << "a new connection asks for the root share again";
+  EXPECT_EQ(agent_->Count("overlay_get_root_share"), 2) << "a new connection asks for the root share again";
 }
 
 TEST_F(OverlayContextTest, NoAgentIsAConnectErrorAndSubmissionsFailWith88) {

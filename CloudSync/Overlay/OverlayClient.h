@@ -62,14 +62,4 @@ std::pair<std::shared_ptr<YOverlayContext>, Qel::YString> GetContextForPath(cons
 std::shared_ptr<YOverlayContext> GetLocalContext();
 std::vector<RemoteContext> GetRemoteContexts();
 
-// Initialize on construction (empty callbacks), Deinitialize on destruction:
-// the verbs that talk to the agent hold one for their whole run.
-class YClientScope {
- public:
-  explicit YClientScope(const Qel::YString& dataPath) { Initialize(dataPath, nullptr, nullptr); }
-  ~YClientScope() { Deinitialize(); }
-  YClientScope(const YClientScope&) = delete;
-  YClientScope& operator=(const YClientScope&) = delete;
-};
-
 }  // namespace OverlayClient

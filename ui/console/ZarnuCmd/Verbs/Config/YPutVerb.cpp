@@ -1,6 +1,7 @@
 #include "Verbs/Config/YPutVerb.h"
 
 #include "CloudSync/Overlay/OverlayClient.h"
+#include "CloudSync/Overlay/YClientScope.h"
 #include "Qel/File/File.h"
 #include "Qel/Log/YConsoleLogger.h"
 #include "Verbs/Config/YConfigVerbModule.h"

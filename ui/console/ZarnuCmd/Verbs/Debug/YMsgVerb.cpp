@@ -3,6 +3,7 @@
 #include <tuple>
 
 #include "CloudSync/Overlay/OverlayClient.h"
+#include "CloudSync/Overlay/YClientScope.h"
 #include "Qel/File/File.h"
 #include "Qel/IO/YSession.h"
 #include "Qel/JSON/YValue.h"

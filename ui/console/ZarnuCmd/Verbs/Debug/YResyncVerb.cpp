@@ -1,6 +1,7 @@
 #include "Verbs/Debug/YResyncVerb.h"
 
 #include "CloudSync/Overlay/OverlayClient.h"
+#include "CloudSync/Overlay/YClientScope.h"
 #include "Qel/File/File.h"
 #include "Qel/IO/YSession.h"
 #include "Verbs/Debug/YDebugVerbModule.h"

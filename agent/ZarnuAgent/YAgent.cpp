@@ -116,7 +116,10 @@ void YAgent::OnAccept(std::shared_ptr<Qel::IO::YIoBase> io, bool remote) {
         });
       });
   {
+    // Ended sessions are dropped as new ones come, so the list holds about the
+    // open ones only, however many clients came and went.
     std::lock_guard<std::mutex> lock(sessions_mutex_);
+    std::erase_if(sessions_, [](const std::weak_ptr<Qel::IO::YSession>& w) { return w.expired(); });
     sessions_.push_back(session);
   }
   ++state_->sessionsServed;

@@ -58,7 +58,8 @@ void YAgentSettings::Load(const CloudSync::YConfigDb& db) {
 
 bool YAgentSettings::Apply(const Qel::YString& name, const Qel::YString& value) {
   const Known* known = FindKnown(name);
-  if (known && known->numeric && !IsNumber(value)) return false;
+  if (!known) return true;
+  if (known->numeric && !IsNumber(value)) return false;
   std::lock_guard<std::mutex> lock(mutex_);
   values_[name] = value;
   return true;

@@ -21,7 +21,8 @@ class YAgentSettings {
   void Load(const CloudSync::YConfigDb& db);
   // Takes `value` for `name`. Returns false (and keeps the old value) when a
   // numeric option gets a text that is not a number. Names the agent does not
-  // act on are remembered as text.
+  // act on are not kept here (config.db holds them), so that clients cannot
+  // grow the agent's memory with made-up names.
   bool Apply(const Qel::YString& name, const Qel::YString& value);
 
   // The value as text (the default when never set); "" for unknown names.

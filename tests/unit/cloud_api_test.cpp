@@ -14,7 +14,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <chrono>
 #include <fstream>
+#include <thread>
 #include <functional>
 #include <memory>
 #include <string>
@@ -227,12 +229,19 @@ class CloudService {
   }
 
   const std::string& Url() const { return url_; }
-  // How many request lines of the service's log hold `text`.
-  size_t CountLogLines(const std::string& text) const {
-    std::ifstream log(folder_ + "/serve.log");
-    size_t count = 0;
-    for (std::string line; std::getline(log, line);) count += line.find(text) != std::string::npos;
-    return count;
+  // How many request lines of the service's log hold `text`. The service
+  // logs a request after its answer is sent, so the count is read again
+  // (for up to five seconds) until it reaches `expected`; a count above it
+  // shows at once.
+  size_t CountLogLines(const std::string& text, size_t expected) const {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+    for (;;) {
+      std::ifstream log(folder_ + "/serve.log");
+      size_t count = 0;
+      for (std::string line; std::getline(log, line);) count += line.find(text) != std::string::npos;
+      if (count >= expected || std::chrono::steady_clock::now() > deadline) return count;
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
   }
 
  private:
@@ -286,8 +295,8 @@ TEST_F(CloudApiService, UploadsOnlyLackingPartsAndGetsEveryPartBack) {
   const PartList& got = listed.entries[0]->parts;
   ASSERT_EQ(got.size(), parts.size());
   EXPECT_EQ(api_->GetParts(got, listed.entries[0]->id), parts.size());
-  EXPECT_EQ(service_->CountLogLines("POST /api/v1/parts/download 200"), 2u);
-  EXPECT_EQ(service_->CountLogLines("POST /api/v1/parts/upload 200"), 2u);  // five parts per request
+  EXPECT_EQ(service_->CountLogLines("POST /api/v1/parts/download 200", 2), 2u);
+  EXPECT_EQ(service_->CountLogLines("POST /api/v1/parts/upload 200", 2), 2u);  // five parts per request
   auto want = parts.begin();
   for (const PartPtr& p : got) {
     const PartPtr& w = *want++;

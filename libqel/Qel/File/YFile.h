@@ -35,6 +35,8 @@ class YFile {
   void Open(const YString& path, unsigned int mode);
   void Close();
   bool IsOpen() const { return fd_ >= 0; }
+  // The open file descriptor (-1 when closed); still owned by this object.
+  int GetDescriptor() const { return fd_; }
   const YString& GetPath() const { return path_; }
 
   uint64_t GetSize() const;

@@ -30,6 +30,7 @@ constexpr const char* kFile = "CloudSync/YCloudApi";
 constexpr unsigned int kLogType = 213;      // CSM_CLOUD
 constexpr unsigned int kJsonLogType = 220;  // CSM_JSON
 constexpr const char* kApiPrefix = "api/v1/";
+constexpr long kLongPollMargin = 30;  // seconds a long poll's request may take beyond the wait
 
 constexpr size_t kMaxPartSize = 1048576;
 constexpr size_t kUploadBatchParts = 5;
@@ -121,13 +122,18 @@ void YCloudApi::SetTimeouts(long totalSeconds, long connectSeconds) {
 
 void YCloudApi::SetTrust(const YString& caFile, bool verify) { curl_->SetTrust(caFile, verify); }
 
+void YCloudApi::SetBandwidthLimits(uint64_t upBytesPerSecond, uint64_t downBytesPerSecond) {
+  curl_->SetSpeedLimits(upBytesPerSecond, downBytesPerSecond);
+}
+
 // ---------------------------------------------------------------- requests
 
 void YCloudApi::RequireLogin(const char* function) const {
   if (token_.empty()) QEL_RAISE(kLogType, 177, "Not logged in to " + address_, kFile, function);
 }
 
-YObject YCloudApi::Call(const char* endpoint, const YObject& request, bool authenticated, const char* function) {
+YObject YCloudApi::Call(const char* endpoint, const YObject& request, bool authenticated, const char* function,
+                        long timeout) {
   if (authenticated) RequireLogin(function);
   std::map<YString, YString> headers{
       {"Content-Type", "application/json"}, {"Accept", "application/json"}, {"User-Agent", agent_name_}};
@@ -137,7 +143,7 @@ YObject YCloudApi::Call(const char* endpoint, const YObject& request, bool authe
   Qel::Log::YLog& log = Qel::Log::GetGlobalLogger();
   if (!secret && log.IsEnabled(kJsonLogType)) log.Write(kJsonLogType, YString(endpoint) + " request " + body);
 
-  YCurlObj::Response answer = curl_->Post(kApiPrefix + YString(endpoint), headers, body);
+  YCurlObj::Response answer = curl_->Post(kApiPrefix + YString(endpoint), headers, body, timeout);
   if (!secret && log.IsEnabled(kJsonLogType)) {
     log.Write(kJsonLogType, YString(endpoint) + " answer " + std::to_string(answer.status) + " " + answer.body);
   }
@@ -317,6 +323,13 @@ void YCloudApi::DeleteFile(const YString& path) {
   Call("delete", request, true, "DeleteFile");
 }
 
+MetadataPtr YCloudApi::DeleteFileIf(const YString& path, uint64_t ifVersion) {
+  YObject request;
+  request.Set("path", YValue(path));
+  request.Set("if_version", YValue(static_cast<unsigned long long>(ifVersion)));
+  return EntryOf(Call("delete", request, true, "DeleteFileIf"), "delete", "DeleteFileIf");
+}
+
 void YCloudApi::Undelete(const YString& path, uint64_t deleted) {
   YObject request;
   request.Set("path", YValue(path));
@@ -408,7 +421,9 @@ size_t YCloudApi::SendNeededParts(const PartList& batch, uint64_t /*reserved*/) 
   return to_send.size();
 }
 
-MetadataPtr YCloudApi::CreateFile(const YString& path, const PartList& parts) {
+namespace {
+
+YArray PartListJson(const PartList& parts) {
   YArray list;
   for (const PartPtr& p : parts) {
     YObject item;
@@ -416,10 +431,50 @@ MetadataPtr YCloudApi::CreateFile(const YString& path, const PartList& parts) {
     item.Set("size", YValue(p->size));
     list.push_back(std::make_shared<YValue>(std::move(item)));
   }
+  return list;
+}
+
+}  // namespace
+
+MetadataPtr YCloudApi::CreateFile(const YString& path, const PartList& parts) {
   YObject request;
   request.Set("path", YValue(path));
-  request.Set("parts", YValue(std::move(list)));
+  request.Set("parts", YValue(PartListJson(parts)));
   return EntryOf(Call("files/create", request, true, "CreateFile"), "files/create", "CreateFile");
+}
+
+MetadataPtr YCloudApi::CreateFileIf(const YString& path, const PartList& parts, int64_t modified,
+                                    uint64_t ifVersion) {
+  YObject request;
+  request.Set("path", YValue(path));
+  request.Set("parts", YValue(PartListJson(parts)));
+  request.Set("modified", YValue(static_cast<long long>(modified)));
+  request.Set("if_version", YValue(static_cast<unsigned long long>(ifVersion)));
+  return EntryOf(Call("files/create", request, true, "CreateFileIf"), "files/create", "CreateFileIf");
+}
+
+YCloudApi::ChangesResult YCloudApi::GetChanges(const YString& cursor, uint32_t timeoutSeconds, uint32_t limit) {
+  YObject request;
+  request.Set("cursor", YValue(cursor));
+  request.Set("timeout", YValue(static_cast<unsigned long long>(timeoutSeconds)));
+  request.Set("limit", YValue(static_cast<unsigned long long>(limit)));
+  // The service may hold the request for the whole wait: the client's own
+  // limit must not cut it (0 stays "no limit").
+  long total = curl_->GetTotalTimeout();
+  const long needed = static_cast<long>(timeoutSeconds) + kLongPollMargin;
+  if (total != 0 && total < needed) total = needed;
+  const YObject answer = Call("changes", request, true, "GetChanges", total);
+  return ReadAnswer("changes", "GetChanges", [&] {
+    ChangesResult result;
+    for (const Qel::JSON::YValuePtr& v : answer.Get<YArray>("changes", kLogType)) {
+      if (!v || !v->IsObject()) QEL_RAISE(kLogType, 161, "A change is not an object", kFile, "GetChanges");
+      result.changes.push_back(ReadEntry(v->AsObject()));
+    }
+    result.cursor = answer.Get<YString>("cursor", kLogType);
+    result.more = answer.Has("more") && answer.Get<bool>("more", kLogType);
+    result.reset = answer.Has("reset") && answer.Get<bool>("reset", kLogType);
+    return result;
+  });
 }
 
 std::vector<YString> YCloudApi::ReadPartsAnswer(const std::vector<YString>& asked, const std::string& body,

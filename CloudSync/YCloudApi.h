@@ -74,6 +74,14 @@ class YCloudApi {
     Qel::YString cursor;
   };
 
+  // One page of the account's change feed.
+  struct ChangesResult {
+    std::vector<MetadataPtr> changes;  // current state of every path changed after the cursor, in change order
+    Qel::YString cursor;               // pass to the next call
+    bool more = false;                 // another page follows at once
+    bool reset = false;                // the pages from here on are the whole tree: replace what you hold
+  };
+
   struct PublicLink {
     Qel::YString link;   // full address that serves the linked paths
     Qel::YString token;
@@ -91,6 +99,8 @@ class YCloudApi {
   void ApplyConfig(YConfigDb& db);
   void SetTimeouts(long totalSeconds, long connectSeconds);
   void SetTrust(const Qel::YString& caFile, bool verify);
+  // Bytes per second each request may send and receive; 0 means no limit.
+  void SetBandwidthLimits(uint64_t upBytesPerSecond, uint64_t downBytesPerSecond);
 
   LoginResult Login(const Qel::YString& user, const Qel::YString& password);
   LoginResult Login(const Qel::YString& token);
@@ -106,6 +116,11 @@ class YCloudApi {
 
   MetadataPtr CreateDirectory(const Qel::YString& path);
   void DeleteFile(const Qel::YString& path);
+  // Deletes the file (or folder) at `path` only while its current version
+  // is `ifVersion` (a file version's id, or the folder's id). Returns the
+  // deleted entry. Raises 202 when the cloud holds another version (the
+  // error's info names the path), 174 when nothing live is there.
+  MetadataPtr DeleteFileIf(const Qel::YString& path, uint64_t ifVersion);
   // `deleted`: the entry's deleted time, or all bits set for the latest.
   void Undelete(const Qel::YString& path, uint64_t deleted);
 
@@ -118,6 +133,20 @@ class YCloudApi {
   // Creates (or replaces) the file at `path` from the ordered part list (only
   // fingerprints and sizes are read). Raises 162 when the cloud lacks a part.
   MetadataPtr CreateFile(const Qel::YString& path, const PartList& parts);
+  // CreateFile with the file's modification time (seconds since the epoch),
+  // done only while the live file at `path` is the version `ifVersion`, or,
+  // with `ifVersion` 0, while no live file is there. Raises 202 otherwise
+  // and changes nothing.
+  MetadataPtr CreateFileIf(const Qel::YString& path, const PartList& parts, int64_t modified, uint64_t ifVersion);
+
+  // The changes after `cursor` ("" for the whole tree, answered with reset
+  // set). With `timeoutSeconds` > 0 and nothing changed, the service holds
+  // the request until a change or the time-out (then no changes and the same
+  // cursor); the request's own time limit is raised to cover the wait. At
+  // most `limit` entries per page. A deleted path comes with `deleted` != 0;
+  // a path gone for good has id 0. Raises 55 for a cursor the service did
+  // not issue.
+  ChangesResult GetChanges(const Qel::YString& cursor, uint32_t timeoutSeconds, uint32_t limit = 1000);
   // Fetches the bytes of `batch` (parts of the file version `fileId`) in one
   // request, filling each obtained part's data after checking it against its
   // fingerprint (a mismatch raises 169). Parts the service answers "later"
@@ -156,8 +185,9 @@ class YCloudApi {
   const Qel::YString& GetAgentName() const { return agent_name_; }
 
  private:
+  // `timeout`: seconds for this request when non-zero (else the client's).
   Qel::JSON::YObject Call(const char* endpoint, const Qel::JSON::YObject& request, bool authenticated,
-                          const char* function);
+                          const char* function, long timeout = 0);
   void RequireLogin(const char* function) const;
   LoginResult LoginWith(const Qel::JSON::YObject& request, const char* function);
 

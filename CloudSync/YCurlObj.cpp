@@ -19,6 +19,11 @@ void YCurlObj::SetTrust(const Qel::YString& caFile, bool verify) {
   verify_ = verify;
 }
 
+void YCurlObj::SetSpeedLimits(uint64_t sendBytesPerSecond, uint64_t receiveBytesPerSecond) {
+  max_send_speed_ = sendBytesPerSecond;
+  max_recv_speed_ = receiveBytesPerSecond;
+}
+
 Qel::YString YCurlObj::MakeUrl(const Qel::YString& path) const {
   size_t skip = 0;
   while (skip < path.size() && path[skip] == '/') ++skip;
@@ -47,6 +52,8 @@ YCurlObj::Response YCurlObj::Perform(bool post, const Qel::YString& path, const 
   request.caFile = ca_file_;
   request.verify = verify_;
   request.keepAlive = (flags_ & kKeepAlive) != 0;
+  request.maxSendSpeed = max_send_speed_;
+  request.maxRecvSpeed = max_recv_speed_;
   return session_->Perform(request);
 }
 

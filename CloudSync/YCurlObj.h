@@ -18,6 +18,7 @@
 // Thread-safety: none; one thread uses an object at a time.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -53,6 +54,8 @@ class YCurlObj {
   // (empty or missing: none). `verify` false switches certificate and host
   // name checks off.
   void SetTrust(const Qel::YString& caFile, bool verify);
+  // Bytes per second sent and received by each request; 0 means no limit.
+  void SetSpeedLimits(uint64_t sendBytesPerSecond, uint64_t receiveBytesPerSecond);
 
   // Sends `body` (binary-safe) to `path` (relative to the base address; a
   // leading "/" is ignored). `timeout` in seconds overrides the total time-out
@@ -64,6 +67,7 @@ class YCurlObj {
   // The base address joined with `path`.
   Qel::YString MakeUrl(const Qel::YString& path) const;
   const Qel::YString& GetBaseAddress() const { return base_address_; }
+  long GetTotalTimeout() const { return total_timeout_; }
 
  private:
   Response Perform(bool post, const Qel::YString& path, const std::map<Qel::YString, Qel::YString>& headers,
@@ -76,6 +80,8 @@ class YCurlObj {
   long connect_timeout_ = 300;
   Qel::YString ca_file_;
   bool verify_ = true;
+  uint64_t max_send_speed_ = 0;
+  uint64_t max_recv_speed_ = 0;
 };
 
 }  // namespace CloudSync

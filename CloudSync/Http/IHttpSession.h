@@ -6,6 +6,7 @@
 // TLS stack behind it.
 #pragma once
 
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <string>
@@ -34,6 +35,8 @@ struct HttpRequest {
   Qel::YString caFile;       // extra PEM trust besides the system's; empty for none
   bool verify = true;
   bool keepAlive = true;
+  uint64_t maxSendSpeed = 0;  // bytes per second, 0 = unlimited
+  uint64_t maxRecvSpeed = 0;
 };
 
 class IHttpSession {

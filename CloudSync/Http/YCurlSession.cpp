@@ -113,6 +113,8 @@ HttpResponse YCurlSession::Perform(const HttpRequest& request) {
   curl_easy_setopt(h, CURLOPT_HEADERDATA, &response);
   curl_easy_setopt(h, CURLOPT_TIMEOUT, request.totalTimeout);
   curl_easy_setopt(h, CURLOPT_CONNECTTIMEOUT, request.connectTimeout);
+  curl_easy_setopt(h, CURLOPT_MAX_SEND_SPEED_LARGE, static_cast<curl_off_t>(request.maxSendSpeed));
+  curl_easy_setopt(h, CURLOPT_MAX_RECV_SPEED_LARGE, static_cast<curl_off_t>(request.maxRecvSpeed));
   const bool keep_alive = request.keepAlive;
   curl_easy_setopt(h, CURLOPT_TCP_KEEPALIVE, keep_alive ? 1L : 0L);
   curl_easy_setopt(h, CURLOPT_FORBID_REUSE, keep_alive ? 0L : 1L);

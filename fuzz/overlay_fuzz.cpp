@@ -113,10 +113,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     CheckStableEncoding(*command);
     Qel::IO::YCommandPtr reply;
     try {
-      reply = fixture.dispatcher->Dispatch(*command, [](Qel::IO::YCommandPtr push) {
+      Agent::YPushChannel channel;
+      channel.clientId = 1;
+      channel.send = [](Qel::IO::YCommandPtr push) {
         if (!push) Broken("push", "null push");
         SendChecked(*push, "push");
-      });
+      };
+      reply = fixture.dispatcher->Dispatch(*command, channel);
       if (!reply) Broken("dispatch", "null reply");
     } catch (const Qel::Exception::YError& e) {
       if (e.GetCcode() == 0) Broken("dispatch", "an error without a code: " + std::string(e.GetSummary()));

@@ -7,6 +7,8 @@ inline constexpr const char* kVersion = "1.34.0508";
 
 // Log message types (registered by CloudSync::RegisterLogTypes).
 inline constexpr unsigned int kLogCsm = 200;
+inline constexpr unsigned int kLogCsmDetail = 201;
+inline constexpr unsigned int kLogTree = 202;
 inline constexpr unsigned int kLogExc = 206;
 inline constexpr unsigned int kLogOva = 207;
 inline constexpr unsigned int kLogOvaMessages = 208;
@@ -21,6 +23,13 @@ inline constexpr unsigned int kFieldMissing = 56;
 inline constexpr unsigned int kNotLoggedIn = 177;
 inline constexpr unsigned int kAgentAlreadyRunning = 197;
 inline constexpr unsigned int kUnknownMethod = 228;
+inline constexpr unsigned int kTerminated = 65;
+inline constexpr unsigned int kPartsMissing = 162;
+inline constexpr unsigned int kNoAnswer = 163;
+inline constexpr unsigned int kFileNotFound = 174;
+inline constexpr unsigned int kFileChanged = 184;
+inline constexpr unsigned int kConflict = 202;
+inline constexpr unsigned int kLostRoot = 215;
 
 // Files in the data folder.
 inline constexpr const char* kConfigDbFile = "config.db";

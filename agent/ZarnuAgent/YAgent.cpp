@@ -59,16 +59,39 @@ void YAgent::TakeLock() {
   }
 }
 
+uint64_t YAgent::PruneSessionsLocked() {
+  uint64_t open = 0;
+  for (auto it = sessions_.begin(); it != sessions_.end();) {
+    auto s = it->second.lock();
+    if (!s || !s->IsConnected()) {
+      if (state_) state_->GetPathStatuses().Unsubscribe(it->first);
+      it = sessions_.erase(it);
+    } else {
+      ++open;
+      ++it;
+    }
+  }
+  return open;
+}
+
 uint64_t YAgent::CountOpenSessions() {
   std::lock_guard<std::mutex> lock(sessions_mutex_);
-  uint64_t open = 0;
-  std::erase_if(sessions_, [&open](const std::weak_ptr<Qel::IO::YSession>& w) {
-    auto s = w.lock();
-    if (!s || !s->IsConnected()) return true;
-    ++open;
-    return false;
-  });
-  return open;
+  return PruneSessionsLocked();
+}
+
+void YAgent::PushStatuses(uint64_t clientId, const YPathStatusTable::Changes& changes) {
+  std::shared_ptr<Qel::IO::YSession> session;
+  {
+    std::lock_guard<std::mutex> lock(sessions_mutex_);
+    auto it = sessions_.find(clientId);
+    if (it != sessions_.end()) session = it->second.lock();
+  }
+  if (!session || !session->IsConnected()) {
+    state_->GetPathStatuses().Unsubscribe(clientId);
+    return;
+  }
+  Qel::IO::YCommandPtr refresh = YOverlayDispatcher::CreateRefresh(changes);
+  service_.Post([session, refresh] { session->ProcessRequestAsync(refresh, nullptr); });
 }
 
 void YAgent::OnAccept(std::shared_ptr<Qel::IO::YIoBase> io, bool remote) {
@@ -83,11 +106,16 @@ void YAgent::OnAccept(std::shared_ptr<Qel::IO::YIoBase> io, bool remote) {
   }
   // Remote sessions must prove the account's token before anything else.
   auto trusted = std::make_shared<std::atomic<bool>>(!remote);
+  uint64_t clientId = 0;
+  {
+    std::lock_guard<std::mutex> lock(sessions_mutex_);
+    clientId = ++next_client_id_;
+  }
   Qel::IO::YService* service = &service_;
   YAgentState* state = state_.get();
   YOverlayDispatcher* dispatcher = dispatcher_.get();
   auto session = std::make_shared<Qel::IO::YSession>(
-      [trusted, service, state, dispatcher](std::shared_ptr<Qel::IO::YSession> s,
+      [trusted, service, state, dispatcher, clientId](std::shared_ptr<Qel::IO::YSession> s,
                                                   Qel::IO::YCommandPtr request) -> Qel::IO::YCommandPtr {
         if (!trusted->load()) {
           const Qel::YString token = state->GetToken();
@@ -109,18 +137,21 @@ void YAgent::OnAccept(std::shared_ptr<Qel::IO::YIoBase> io, bool remote) {
         }
         std::weak_ptr<Qel::IO::YSession> weak = s;
         // Pushes leave after the reply: they are posted, not sent inline.
-        return dispatcher->Dispatch(*request, [service, weak](Qel::IO::YCommandPtr push) {
+        YPushChannel channel;
+        channel.clientId = clientId;
+        channel.send = [service, weak](Qel::IO::YCommandPtr push) {
           service->Post([weak, push] {
             if (auto live = weak.lock()) live->ProcessRequestAsync(push, nullptr);
           });
-        });
+        };
+        return dispatcher->Dispatch(*request, channel);
       });
   {
     // Ended sessions are dropped as new ones come, so the list holds about the
     // open ones only, however many clients came and went.
     std::lock_guard<std::mutex> lock(sessions_mutex_);
-    std::erase_if(sessions_, [](const std::weak_ptr<Qel::IO::YSession>& w) { return w.expired(); });
-    sessions_.push_back(session);
+    PruneSessionsLocked();
+    sessions_[clientId] = session;
   }
   ++state_->sessionsServed;
   Log().Write(kLogSession, "Client connected on " + io->Describe());
@@ -138,6 +169,8 @@ int YAgent::Run() {
   state_->RestoreLogTypes();
   state_->SetOpenSessionCounter([this] { return CountOpenSessions(); });
   dispatcher_ = std::make_unique<YOverlayDispatcher>(*state_);
+  state_->GetPathStatuses().SetNotify(
+      [this](uint64_t clientId, const YPathStatusTable::Changes& changes) { PushStatuses(clientId, changes); });
   log.Write(kLogApp, "ZarnuAgent " + Qel::YString(kVersion) + " starting for " + data_folder_ + " (pid " +
                          std::to_string(::getpid()) + ")");
 
@@ -159,6 +192,10 @@ int YAgent::Run() {
   if (tcp_listener_) std::printf("listening on %s\n", tcp_listener_->GetAddress().c_str());
   std::fflush(stdout);
 
+  engine_ = std::make_unique<Sync::YSyncEngine>(*state_);
+  state_->SetResyncHandler([this](bool fromScratch) { engine_->RequestResync(fromScratch); });
+  engine_->Start();
+
   sigset_t stop;
   sigemptyset(&stop);
   sigaddset(&stop, SIGTERM);
@@ -169,17 +206,20 @@ int YAgent::Run() {
   }
   log.Write(kLogApp, "Stopping on signal " + std::to_string(signal_number));
 
+  state_->SetResyncHandler(nullptr);
+  engine_->Stop();
   unix_listener_->Close();
   if (tcp_listener_) tcp_listener_->Close();
   std::vector<std::shared_ptr<Qel::IO::YSession>> open;
   {
     std::lock_guard<std::mutex> lock(sessions_mutex_);
-    for (auto& w : sessions_) {
+    for (auto& [id, w] : sessions_) {
       if (auto s = w.lock()) open.push_back(s);
     }
     sessions_.clear();
   }
   for (auto& s : open) s->Release();
+  state_->GetPathStatuses().SetNotify(nullptr);
   service_.Deinitialize();
   ::unlink(socket_path.c_str());
   log.Write(kLogApp, "Stopped");

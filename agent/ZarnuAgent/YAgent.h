@@ -5,22 +5,24 @@
 // refused) and, when asked, a TCP listener whose sessions must first prove
 // the account's token, prints "listening on <socket>" (and a second line
 // "listening on HOST:PORT" for the TCP listener) and waits for SIGTERM,
-// SIGINT or SIGHUP. It then closes the listeners and sessions, removes the
+// SIGINT or SIGHUP. The sync engine runs beside it from the start (it waits
+// for a link by itself). On a stop signal it closes the listeners and sessions, removes the
 // socket and returns 0.
 //
 // REQUIRES: the stop signals are blocked in every thread (main() blocks them
 // before anything starts a thread), so that Run receives them with sigwait.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <mutex>
-#include <vector>
 
 #include "Qel/IO/YIo.h"
 #include "Qel/IO/YService.h"
 #include "Qel/IO/YSession.h"
 #include "Qel/YString.h"
 #include "YAgentState.h"
+#include "Sync/YSyncEngine.h"
 #include "YOverlayDispatcher.h"
 
 namespace Agent {
@@ -37,6 +39,10 @@ class YAgent {
   void TakeLock();
   void OnAccept(std::shared_ptr<Qel::IO::YIoBase> io, bool remote);
   uint64_t CountOpenSessions();
+  // Drops ended sessions (and their path subscriptions). REQUIRES: sessions_mutex_ held.
+  uint64_t PruneSessionsLocked();
+  // Sends the changed statuses to the client that subscribed to them.
+  void PushStatuses(uint64_t clientId, const YPathStatusTable::Changes& changes);
 
   Qel::YString data_folder_;
   Qel::YString tcp_address_;
@@ -46,8 +52,10 @@ class YAgent {
   Qel::IO::YService service_;
   std::shared_ptr<Qel::IO::YListener> unix_listener_;
   std::shared_ptr<Qel::IO::YListener> tcp_listener_;
+  std::unique_ptr<Sync::YSyncEngine> engine_;
   std::mutex sessions_mutex_;
-  std::vector<std::weak_ptr<Qel::IO::YSession>> sessions_;
+  uint64_t next_client_id_ = 0;                                      // guarded by sessions_mutex_
+  std::map<uint64_t, std::weak_ptr<Qel::IO::YSession>> sessions_;  // guarded by sessions_mutex_
 };
 
 }  // namespace Agent

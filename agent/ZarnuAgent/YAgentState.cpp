@@ -105,4 +105,18 @@ std::chrono::seconds YAgentState::GetUptime() const {
   return std::chrono::duration_cast<std::chrono::seconds>(std::chrono::steady_clock::now() - started_);
 }
 
+void YAgentState::SetResyncHandler(std::function<void(bool)> handler) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  resync_ = std::move(handler);
+}
+
+void YAgentState::RequestResync(bool fromScratch) {
+  std::function<void(bool)> handler;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    handler = resync_;
+  }
+  if (handler) handler(fromScratch);
+}
+
 }  // namespace Agent

@@ -50,6 +50,11 @@ class YAgentState {
   void RestoreLogTypes();
   void SetLogTypes(const std::vector<Qel::YString>& names, bool enabled);
 
+  // Resync requests reach the sync engine through this handler (none: they
+  // are only logged).
+  void SetResyncHandler(std::function<void(bool fromScratch)> handler);
+  void RequestResync(bool fromScratch);
+
   std::chrono::seconds GetUptime() const;
   // The number of connected clients, as the agent counts them (0 when no
   // counter was given).
@@ -69,6 +74,7 @@ class YAgentState {
   YAgentSettings settings_;
   YPathStatusTable path_statuses_;
   std::function<uint64_t()> open_sessions_;  // guarded by mutex_
+  std::function<void(bool)> resync_;          // guarded by mutex_
 };
 
 }  // namespace Agent

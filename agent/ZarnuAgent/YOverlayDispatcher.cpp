@@ -1,6 +1,5 @@
 #include "YOverlayDispatcher.h"
 
-#include <filesystem>
 
 #include "AgentConstants.h"
 #include "Qel/Exception/YError.h"
@@ -109,34 +108,25 @@ Qel::JSON::YObject YOverlayDispatcher::WatchdogTrigger(const Qel::JSON::YObject&
   return {};
 }
 
-void YOverlayDispatcher::Rescan(const char* why) {
+void YOverlayDispatcher::Rescan(const char* why, bool fromScratch) {
   state_.Reload();
   const Qel::YString root = state_.GetRootFolder();
   if (root.empty()) {
     Log().Write(kLogCsm, Qel::YString(why) + ": not linked, nothing to scan");
     return;
   }
-  uint64_t files = 0;
-  uint64_t folders = 0;
-  std::error_code ec;
-  std::filesystem::recursive_directory_iterator it(std::string(root),
-                                                   std::filesystem::directory_options::skip_permission_denied, ec);
-  for (; !ec && it != std::filesystem::recursive_directory_iterator(); it.increment(ec)) {
-    if (it->is_directory(ec)) ++folders;
-    else ++files;
-  }
-  Log().Write(kLogCsm, Qel::YString(why) + ": root folder " + root + " holds " + std::to_string(files) + " files in " +
-                           std::to_string(folders) + " folders" + (ec ? " (scan stopped: " + ec.message() + ")" : ""));
+  Log().Write(kLogCsm, Qel::YString(why) + " asked for " + root);
+  state_.RequestResync(fromScratch);
 }
 
 Qel::JSON::YObject YOverlayDispatcher::ResyncShareList(const Qel::JSON::YObject&, const Push&) {
-  Rescan("Resync of the share list");
+  // The link (the one share) is read again and the root folder rescanned.
+  Rescan("Resync of the share list", false);
   return {};
 }
 
 Qel::JSON::YObject YOverlayDispatcher::ResyncAll(const Qel::JSON::YObject&, const Push&) {
-  state_.GetPathStatuses().Clear();
-  Rescan("Full resync");
+  Rescan("Full resync", true);
   return {};
 }
 
@@ -158,17 +148,27 @@ Qel::JSON::YObject YOverlayDispatcher::PathStatusSync(const Qel::JSON::YObject& 
   return result;
 }
 
+Qel::IO::YCommandPtr YOverlayDispatcher::CreateRefresh(const YPathStatusTable::Changes& changes) {
+  Qel::JSON::YArray paths;
+  for (const auto& [path, s] : changes) {
+    Qel::JSON::YObject entry;
+    entry.Set("path", Qel::JSON::YValue(path));
+    entry.Set("status", Qel::JSON::YValue(s.cloudStatus));
+    entry.Set("progress", Qel::JSON::YValue(s.syncProgress));
+    entry.Set("flags", Qel::JSON::YValue(s.flags));
+    paths.push_back(std::make_shared<Qel::JSON::YValue>(std::move(entry)));
+  }
+  auto refresh = Qel::IO::YCommand::CreateRequest("ova_refresh_path");
+  refresh->SetParam("paths", Qel::JSON::YValue(std::move(paths)));
+  return refresh;
+}
+
 Qel::JSON::YObject YOverlayDispatcher::PathStatusCached(const Qel::JSON::YObject& params, const Push& push) {
   const Qel::YString path = params.Get<Qel::YString>("file_path", kLogOva);
   const YPathState s = state_.GetPathStatuses().Get(path);
-  Qel::JSON::YObject entry;
-  entry.Set("path", Qel::JSON::YValue(path));
-  entry.Set("status", Qel::JSON::YValue(s.cloudStatus));
-  entry.Set("progress", Qel::JSON::YValue(s.syncProgress));
-  entry.Set("flags", Qel::JSON::YValue(s.flags));
-  auto refresh = Qel::IO::YCommand::CreateRequest("ova_refresh_path");
-  refresh->SetParam("paths", Qel::JSON::YValue(Qel::JSON::YArray{std::make_shared<Qel::JSON::YValue>(entry)}));
-  if (push) push(refresh);
+  // The client hears of this path again whenever its status changes.
+  if (push) state_.GetPathStatuses().Subscribe(push.clientId, path);
+  push(CreateRefresh({{path, s}}));
   return {};
 }
 

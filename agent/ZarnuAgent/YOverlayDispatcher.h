@@ -19,14 +19,29 @@
 
 namespace Agent {
 
+// The way back to the client whose request is being handled: `send` posts
+// one of the agent's own requests to it (after the reply); `clientId` names
+// the client for later pushes (path status subscriptions).
+struct YPushChannel {
+  uint64_t clientId = 0;
+  std::function<void(Qel::IO::YCommandPtr request)> send;
+  void operator()(Qel::IO::YCommandPtr request) const {
+    if (send) send(std::move(request));
+  }
+  explicit operator bool() const { return static_cast<bool>(send); }
+};
+
 class YOverlayDispatcher {
  public:
-  using Push = std::function<void(Qel::IO::YCommandPtr request)>;
+  using Push = YPushChannel;
 
   explicit YOverlayDispatcher(YAgentState& state);
 
   // The reply to `request`; raises YError for an error reply.
   Qel::IO::YCommandPtr Dispatch(const Qel::IO::YCommand& request, const Push& push);
+
+  // An "ova_refresh_path" request carrying these statuses.
+  static Qel::IO::YCommandPtr CreateRefresh(const YPathStatusTable::Changes& changes);
 
   // The methods the table knows, for logs and tests.
   std::vector<Qel::YString> GetMethods() const;
@@ -45,7 +60,7 @@ class YOverlayDispatcher {
   Qel::JSON::YObject PathStatusSync(const Qel::JSON::YObject& params, const Push& push);
   Qel::JSON::YObject PathStatusCached(const Qel::JSON::YObject& params, const Push& push);
 
-  void Rescan(const char* why);
+  void Rescan(const char* why, bool fromScratch);
   std::vector<Qel::YString> MessageNames(const Qel::JSON::YObject& params) const;
 
   YAgentState& state_;

@@ -1,0 +1,170 @@
+#include "Sync/YSyncIndex.h"
+
+#include <sstream>
+
+namespace Agent::Sync {
+
+namespace {
+
+constexpr const char* kSchema = R"sql(
+CREATE TABLE IF NOT EXISTS base(
+  path TEXT PRIMARY KEY,
+  folder INTEGER NOT NULL,
+  size INTEGER NOT NULL,
+  mtime_ns INTEGER NOT NULL,
+  inode INTEGER NOT NULL,
+  cloud_id INTEGER NOT NULL) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS remote(
+  path TEXT PRIMARY KEY,
+  id INTEGER NOT NULL,
+  folder INTEGER NOT NULL,
+  size INTEGER NOT NULL,
+  modified INTEGER NOT NULL,
+  parts TEXT NOT NULL) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS meta(
+  name TEXT PRIMARY KEY,
+  value TEXT NOT NULL) WITHOUT ROWID;
+)sql";
+
+// Parts are kept as "<fingerprint>:<size>" joined by ",".
+Qel::YString EncodeParts(const std::vector<CloudPart>& parts) {
+  Qel::YString text;
+  for (const CloudPart& part : parts) {
+    if (!text.empty()) text += ',';
+    text += part.fingerprint + ":" + std::to_string(part.size);
+  }
+  return text;
+}
+
+std::vector<CloudPart> DecodeParts(const Qel::YString& text) {
+  std::vector<CloudPart> parts;
+  size_t start = 0;
+  while (start < text.size()) {
+    size_t end = text.find(',', start);
+    if (end == Qel::YString::npos) end = text.size();
+    const std::string_view item(text.data() + start, end - start);
+    const size_t colon = item.find(':');
+    if (colon != std::string_view::npos) {
+      parts.push_back({Qel::YString(item.substr(0, colon)),
+                       static_cast<uint32_t>(std::stoul(std::string(item.substr(colon + 1))))});
+    }
+    start = end + 1;
+  }
+  return parts;
+}
+
+}  // namespace
+
+YSyncIndex::YSyncIndex(const Qel::YString& file) : db_(file) {}
+
+void YSyncIndex::Open() {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  db_.Initialize();
+  db_.OpenForWrite();
+  db_.Execute("PRAGMA synchronous=FULL;");
+  db_.Execute(kSchema);
+}
+
+std::map<Qel::YString, BaseItem> YSyncIndex::LoadBase() {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  std::map<Qel::YString, BaseItem> items;
+  auto st = db_.Prepare("SELECT path, folder, size, mtime_ns, inode, cloud_id FROM base");
+  while (st.Step()) {
+    BaseItem item;
+    item.folder = st.GetInt64(1) != 0;
+    item.size = static_cast<uint64_t>(st.GetInt64(2));
+    item.mtimeNs = st.GetInt64(3);
+    item.inode = static_cast<uint64_t>(st.GetInt64(4));
+    item.cloudId = static_cast<uint64_t>(st.GetInt64(5));
+    items.emplace(st.GetText(0), item);
+  }
+  return items;
+}
+
+std::map<Qel::YString, RemoteItemPtr> YSyncIndex::LoadRemote() {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  std::map<Qel::YString, RemoteItemPtr> items;
+  auto st = db_.Prepare("SELECT path, id, folder, size, modified, parts FROM remote");
+  while (st.Step()) {
+    auto item = std::make_shared<RemoteItem>();
+    item->id = static_cast<uint64_t>(st.GetInt64(1));
+    item->folder = st.GetInt64(2) != 0;
+    item->size = static_cast<uint64_t>(st.GetInt64(3));
+    item->modified = st.GetInt64(4);
+    item->parts = DecodeParts(st.GetText(5));
+    items.emplace(st.GetText(0), std::move(item));
+  }
+  return items;
+}
+
+Qel::YString YSyncIndex::GetMeta(const Qel::YString& name) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  auto st = db_.Prepare("SELECT value FROM meta WHERE name = ?1");
+  st.Bind(1, name);
+  return st.Step() ? st.GetText(0) : Qel::YString();
+}
+
+void YSyncIndex::RunInTransaction(const std::function<void()>& work) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  db_.RunInTransaction(work);
+}
+
+void YSyncIndex::Write(const Qel::YString& sql, const std::function<void(Qel::SQLite::YStatement&)>& bind) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  auto run = [&] {
+    auto st = db_.Prepare(sql);
+    bind(st);
+    st.Execute();
+  };
+  if (db_.IsInTransaction()) run();
+  else db_.RunInTransaction(run);
+}
+
+void YSyncIndex::PutBase(const Qel::YString& path, const BaseItem& item) {
+  Write("INSERT OR REPLACE INTO base(path, folder, size, mtime_ns, inode, cloud_id) VALUES(?1, ?2, ?3, ?4, ?5, ?6)",
+        [&](Qel::SQLite::YStatement& st) {
+          st.Bind(1, path)
+              .Bind(2, item.folder ? 1 : 0)
+              .Bind(3, static_cast<int64_t>(item.size))
+              .Bind(4, item.mtimeNs)
+              .Bind(5, static_cast<int64_t>(item.inode))
+              .Bind(6, static_cast<int64_t>(item.cloudId));
+        });
+}
+
+void YSyncIndex::RemoveBase(const Qel::YString& path) {
+  Write("DELETE FROM base WHERE path = ?1", [&](Qel::SQLite::YStatement& st) { st.Bind(1, path); });
+}
+
+void YSyncIndex::PutRemote(const Qel::YString& path, const RemoteItem& item) {
+  Write("INSERT OR REPLACE INTO remote(path, id, folder, size, modified, parts) VALUES(?1, ?2, ?3, ?4, ?5, ?6)",
+        [&](Qel::SQLite::YStatement& st) {
+          st.Bind(1, path)
+              .Bind(2, static_cast<int64_t>(item.id))
+              .Bind(3, item.folder ? 1 : 0)
+              .Bind(4, static_cast<int64_t>(item.size))
+              .Bind(5, item.modified)
+              .Bind(6, EncodeParts(item.parts));
+        });
+}
+
+void YSyncIndex::RemoveRemote(const Qel::YString& path) {
+  Write("DELETE FROM remote WHERE path = ?1", [&](Qel::SQLite::YStatement& st) { st.Bind(1, path); });
+}
+
+void YSyncIndex::SetMeta(const Qel::YString& name, const Qel::YString& value) {
+  Write("INSERT OR REPLACE INTO meta(name, value) VALUES(?1, ?2)",
+        [&](Qel::SQLite::YStatement& st) { st.Bind(1, name).Bind(2, value); });
+}
+
+void YSyncIndex::ClearRemote() {
+  Write("DELETE FROM remote", [](Qel::SQLite::YStatement&) {});
+}
+
+void YSyncIndex::ClearAll() {
+  RunInTransaction([this] {
+    db_.Execute("DELETE FROM base; DELETE FROM remote; DELETE FROM meta;");
+  });
+}
+
+}  // namespace Agent::Sync

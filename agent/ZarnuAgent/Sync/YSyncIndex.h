@@ -1,0 +1,63 @@
+// Agent::Sync::YSyncIndex: the sync engine's crash-safe memory, an SQLite
+// file in the data folder ("sync.db").
+//
+// It holds three things, changed only inside transactions so that a crash
+// at any moment leaves one consistent state:
+//   - base: per relative path, what the local folder and the cloud both held
+//     the last time they were in step (local size, mtime, inode; cloud id);
+//   - remote: the engine's view of the live cloud tree, built from the
+//     service's change feed;
+//   - meta: named texts, among them the change feed's cursor, stored in the
+//     same transaction as the remote entries it led to.
+// Every commit is synced to disk (WAL, synchronous=FULL) before it returns.
+//
+// Thread-safety: all operations take the index's mutex; a transaction holds
+// it from begin to end, so a transaction is never interleaved with another
+// thread's writes.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+
+#include "Qel/SQLite/YSqliteDb.h"
+#include "Sync/SyncTypes.h"
+
+namespace Agent::Sync {
+
+inline constexpr const char* kIndexFile = "sync.db";
+inline constexpr const char* kMetaCursor = "cursor";
+inline constexpr const char* kMetaLink = "link";
+
+class YSyncIndex {
+ public:
+  explicit YSyncIndex(const Qel::YString& file);
+
+  // Opens (creating when missing) the file and its tables.
+  void Open();
+
+  std::map<Qel::YString, BaseItem> LoadBase();
+  std::map<Qel::YString, RemoteItemPtr> LoadRemote();
+  Qel::YString GetMeta(const Qel::YString& name);
+
+  // Runs `work` in one write transaction (committed and synced when it
+  // returns, rolled back when it throws). The writes below may be called
+  // inside or outside one; outside, each is its own transaction.
+  void RunInTransaction(const std::function<void()>& work);
+  void PutBase(const Qel::YString& path, const BaseItem& item);
+  void RemoveBase(const Qel::YString& path);
+  void PutRemote(const Qel::YString& path, const RemoteItem& item);
+  void RemoveRemote(const Qel::YString& path);
+  void SetMeta(const Qel::YString& name, const Qel::YString& value);
+  void ClearRemote();
+  void ClearAll();
+
+ private:
+  void Write(const Qel::YString& sql, const std::function<void(Qel::SQLite::YStatement&)>& bind);
+
+  std::recursive_mutex mutex_;
+  Qel::SQLite::YSqliteDb db_;
+};
+
+}  // namespace Agent::Sync

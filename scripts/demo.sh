@@ -97,6 +97,17 @@ z Cloud rm /docs/hello.txt "${login[@]}"
 z Cloud ls /docs -d "${login[@]}"
 z Cloud undelete /docs/hello.txt "${login[@]}"
 echo
+echo "(the agent keeps its root folder and the cloud the same: a file dropped into the folder goes up)"
+echo "a note dropped into the synced folder" >"$scratch/Zarnu/dropped.txt"
+for _ in $(seq 1 150); do  # the agent waits until a new file is 1.5 s old, then uploads it
+  if "$bin/zarnucmd" Overlay status dropped.txt 2>/dev/null | grep -q "Synced"; then break; fi
+  sleep 0.2
+done
+z Overlay status dropped.txt
+z Cloud ls / "${login[@]}"
+echo "(and what was put into the cloud above came down into the folder:)"
+(cd "$scratch/Zarnu" && find . -type f | sort)
+echo
 echo "(a download never overwrites a local file:)"
 z Cloud get /docs/hello.txt "$scratch/hello-copy.txt" "${login[@]}"
 z Cloud ls /nothing-here "${login[@]}"

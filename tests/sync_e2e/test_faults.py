@@ -1,0 +1,117 @@
+"""Faults the agent must survive without losing a byte: SIGKILL at random
+moments while it syncs both ways, and a full local disk."""
+import os
+import random
+import signal
+import subprocess
+import time
+
+import pytest
+
+from agent_support import bin_dir
+from conftest import PASSWORD, USER, cloud_tree, eventually, local_tree, write
+
+ROUNDS = int(os.environ.get("ZARNU_CRASH_ROUNDS", "100"))
+
+
+def test_sigkill_while_syncing_both_ways_loses_nothing(make_agent, client):
+    agent = make_agent(start=False)
+    rng = random.Random(os.environ.get("ZARNU_CRASH_SEED", "7"))
+    expected = {}  # relative path -> bytes that must be there at the end, on both sides
+    local_names, cloud_names = [], []
+    for round_no in range(ROUNDS):
+        agent.start()
+        # Changes on both sides while the agent runs; it dies at a random moment.
+        for j in range(rng.randint(1, 3)):
+            name = f"local/{round_no}-{j}.bin"
+            data = os.urandom(rng.choice([0, 10, 5000, 1024 * 1024 + 3, 2 * 1024 * 1024]))
+            write(agent.root / name, data)
+            expected[name] = data
+            local_names.append(name)
+        if rng.random() < 0.5:
+            name = f"cloud/{round_no}.bin"
+            data = os.urandom(rng.choice([1, 7000, 1024 * 1024 + 9]))
+            client.put_file("/" + name, data)
+            expected[name] = data
+            cloud_names.append(name)
+        if local_names and rng.random() < 0.3:
+            name = local_names.pop(rng.randrange(len(local_names)))
+            if (agent.root / name).exists():
+                (agent.root / name).unlink()
+                del expected[name]
+            else:
+                local_names.append(name)
+        if local_names and rng.random() < 0.3:
+            name = rng.choice(local_names)
+            data = os.urandom(rng.choice([3, 4096, 1024 * 1024 + 1]))
+            write(agent.root / name, data)
+            expected[name] = data
+        if cloud_names and rng.random() < 0.2:
+            name = cloud_names.pop(rng.randrange(len(cloud_names)))
+            client.call("delete", {"path": "/" + name})
+            del expected[name]
+        time.sleep(rng.uniform(0.0, 0.4))
+        assert agent.stop(signal.SIGKILL) == -signal.SIGKILL
+
+    agent.start()
+
+    def converged():
+        files, _ = local_tree(agent.root)
+        if files != expected:
+            missing = sorted(set(expected) - set(files))
+            extra = sorted(set(files) - set(expected))
+            wrong = sorted(n for n in expected if n in files and files[n] != expected[n])
+            return f"local: missing {missing[:5]} extra {extra[:5]} wrong {wrong[:5]}"
+        cloud = cloud_tree(client)  # every part of every cloud file is fetched and checked
+        if cloud != expected:
+            return f"cloud: missing {sorted(set(expected) - set(cloud))[:5]} extra {sorted(set(cloud) - set(expected))[:5]}"
+        return True
+
+    eventually(converged, timeout=180)
+    assert not list(agent.root.rglob(".zarnu-part-*")), "a temporary download was left behind"
+
+
+@pytest.fixture
+def small_root(tmp_path):
+    """A 3 MiB tmpfs mounted where the agent's root folder will be."""
+    if os.geteuid() != 0:
+        pytest.skip("mounting a small tmpfs needs root")
+    mount_point = tmp_path / "small"
+    mount_point.mkdir()
+    done = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=3m", "tmpfs", str(mount_point)],
+                          capture_output=True, text=True)
+    if done.returncode != 0:
+        pytest.skip("cannot mount a tmpfs here: " + done.stderr.strip())
+    yield mount_point
+    subprocess.run(["umount", "-l", str(mount_point)], check=False)
+
+
+def test_full_disk_reports_error_and_keeps_going(make_agent, client, small_root, tmp_path):
+    agent = make_agent(start=False)
+    # Point the link at the small disk.
+    root = small_root / "root"
+    agent.root = root
+    done = subprocess.run([str(bin_dir() / "ZarnuAgent"), "-link", f"-username={USER}", f"-root={root}",
+                           f"-cloudAddress={client.url}"],
+                          input=PASSWORD + "\n", text=True, capture_output=True, env=agent.env, timeout=60)
+    assert done.returncode == 0, done.stderr
+    too_big = os.urandom(5 * 1024 * 1024)
+    client.put_file("/too-big.bin", too_big)
+    client.put_file("/small.txt", b"fits")
+    agent.start()
+
+    eventually(lambda: (root / "small.txt").exists() and (root / "small.txt").read_bytes() == b"fits")
+    eventually(lambda: "too-big.bin" in agent.log() and "No space left on device" in agent.log(),
+               what="the full disk to be logged")
+    conn = agent.connect()
+    try:
+        state = conn.result("overlay_path_status_sync", file_path=str(root / "too-big.bin"))
+    finally:
+        conn.close()
+    assert state["cloud_status"] == 3
+    assert not (root / "too-big.bin").exists()
+    assert not list(root.rglob(".zarnu-part-*"))
+    # The cloud copy is untouched, and a local file still goes up.
+    write(root / "up.txt", b"still syncing")
+    eventually(lambda: cloud_tree(client).get("up.txt") == b"still syncing")
+    assert cloud_tree(client)["too-big.bin"] == too_big

@@ -17,11 +17,11 @@ namespace CloudSync {
 class YCloudApi;
 
 class YPartDownloader {
- public:
+public:
   // `connections`: one or more logged-in clients, not owned, outliving the
   // object. With N clients N batches are fetched at once.
   // REQUIRES: !connections.empty(), no null entry.
-  explicit YPartDownloader(std::vector<YCloudApi*> connections);
+  explicit YPartDownloader(std::vector<YCloudApi *> connections);
 
   // Writes every part of `entry` (a file entry listed with all its parts) in
   // file order to `fd` from offset 0, with positional writes. Raises 162 when
@@ -30,11 +30,12 @@ class YPartDownloader {
   // OS error of a failed write (ENOSPC for a full disk). `progress` is called
   // before each batch the calling thread fetches. Neither syncs nor closes
   // `fd`; on failure the file holds an unspecified prefix.
-  void Download(const MetadataInfo& entry, int fd, const TransferProgressFn& progress = {},
-                const TransferCancelFn& cancelled = {});
+  void Download(const MetadataInfo &entry, int fd,
+                const TransferProgressFn &progress = {},
+                const TransferCancelFn &cancelled = {});
 
- private:
-  std::vector<YCloudApi*> connections_;
+private:
+  std::vector<YCloudApi *> connections_;
 };
 
-}  // namespace CloudSync
+} // namespace CloudSync

@@ -1,0 +1,200 @@
+// The part transfer: how files are cut and fingerprinted, and uploads and
+// downloads over several connections against a real zarnu-cloud (skipped
+// when that program is not built beside the tests).
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "CloudSync/Codes.h"
+#include "CloudSync/Transfer/YPartDownloader.h"
+#include "CloudSync/Transfer/YPartUploader.h"
+#include "CloudSync/YCloudApi.h"
+#include "cloud_service_support.h"
+
+namespace {
+
+using CloudSync::PartList;
+using CloudSync::YCloudApi;
+
+constexpr size_t kMiB = 1048576;
+
+std::string Pattern(size_t size, unsigned seed) {
+  std::string bytes(size, '\0');
+  uint32_t x = seed * 2654435761u + 1;
+  for (size_t i = 0; i < size; ++i) {
+    x = x * 1664525u + 1013904223u;
+    bytes[i] = static_cast<char>(x >> 24);
+  }
+  return bytes;
+}
+
+class TempFolder {
+public:
+  TempFolder() {
+    char folder[] = "/tmp/transfer_test.XXXXXX";
+    if (::mkdtemp(folder) != nullptr)
+      path_ = folder;
+  }
+  ~TempFolder() {
+    if (!path_.empty())
+      std::filesystem::remove_all(path_);
+  }
+  std::string Write(const std::string &name, const std::string &bytes) const {
+    const std::string file = path_ + "/" + name;
+    std::ofstream(file, std::ios::binary) << bytes;
+    return file;
+  }
+  const std::string &Path() const { return path_; }
+
+private:
+  std::string path_;
+};
+
+unsigned int CodeOf(const std::function<void()> &f) {
+  try {
+    f();
+  } catch (const Qel::Exception::YError &e) {
+    return e.GetCcode();
+  }
+  return 0;
+}
+
+TEST(FingerprintFile, CutsWholeMebibytesAndFingerprintsEachSlice) {
+  CloudSync::RegisterErrorCodes();
+  TempFolder folder;
+  for (size_t size :
+       {size_t{0}, size_t{1}, kMiB, kMiB + 1, 3 * kMiB + kMiB / 2}) {
+    const std::string bytes = Pattern(size, static_cast<unsigned>(size));
+    struct stat st {};
+    const PartList parts =
+        CloudSync::FingerprintFile(folder.Write("f", bytes), &st);
+    EXPECT_EQ(static_cast<size_t>(st.st_size), size);
+    ASSERT_EQ(parts.size(), (size + kMiB - 1) / kMiB) << size;
+    uint64_t offset = 0;
+    for (const CloudSync::PartPtr &part : parts) {
+      const size_t length = std::min(kMiB, size - offset);
+      EXPECT_EQ(part->offset, offset);
+      EXPECT_EQ(part->size, length);
+      EXPECT_EQ(
+          part->fingerprint,
+          YCloudApi::ComputeFingerprint(
+              reinterpret_cast<const unsigned char *>(bytes.data()) + offset,
+              length))
+          << "size " << size << " offset " << offset;
+      EXPECT_TRUE(part->data.IsEmpty());
+      offset += length;
+    }
+  }
+  EXPECT_EQ(
+      CodeOf([&] { CloudSync::FingerprintFile(folder.Path() + "/missing"); }),
+      static_cast<unsigned>(ENOENT));
+}
+
+class TransferService : public ::testing::Test {
+protected:
+  void SetUp() override {
+    CloudSync::RegisterErrorCodes();
+    service_ = std::make_unique<zarnu_test::CloudService>();
+    if (service_->Url().empty())
+      GTEST_SKIP() << "zarnu-cloud is not built beside the tests";
+    for (int i = 0; i < 3; ++i) {
+      apis_.push_back(
+          std::make_unique<YCloudApi>("transfer_test", service_->Url()));
+      apis_.back()->Login("parts", "part pass");
+    }
+  }
+  std::vector<YCloudApi *> Two() { return {apis_[1].get(), apis_[2].get()}; }
+
+  std::unique_ptr<zarnu_test::CloudService> service_;
+  std::vector<std::unique_ptr<YCloudApi>> apis_;
+  TempFolder folder_;
+};
+
+TEST_F(TransferService,
+       TwoConnectionsEachWayGiveTheSameBytesAndSendOnlyWhatIsMissing) {
+  // Seven full parts and a short one: batches of five go out on both
+  // connections; the download's 1 MiB batches come back on both.
+  std::string bytes = Pattern(7 * kMiB + 12345, 7);
+  bytes.replace(3 * kMiB, kMiB,
+                bytes.substr(0, kMiB)); // a part that repeats the first
+  const std::string file = folder_.Write("big.bin", bytes);
+
+  CloudSync::YPartUploader uploader(Two());
+  size_t sent = 0;
+  uint64_t reported = 0;
+  uint64_t last_done = 0;
+  auto count = [&](const CloudSync::TransferProgress &p) {
+    sent += p.partsSent;
+    reported += p.bytes;
+    EXPECT_GE(p.done, last_done);
+    last_done = p.done;
+    EXPECT_EQ(p.total, bytes.size());
+  };
+  const PartList parts = uploader.Upload(file, count);
+  EXPECT_EQ(parts.size(), 8u);
+  EXPECT_EQ(sent, 7u); // the repeated part travels once
+  EXPECT_EQ(reported, bytes.size());
+  const CloudSync::MetadataPtr created =
+      apis_[0]->CreateFile("/big.bin", parts);
+  EXPECT_EQ(created->size, bytes.size());
+
+  sent = 0;
+  reported = 0;
+  last_done = 0;
+  EXPECT_EQ(uploader.Upload(file, count).size(), 8u);
+  EXPECT_EQ(sent, 0u);
+
+  YCloudApi::ListParam param;
+  param.path = "/big.bin";
+  param.includeParts = true;
+  param.partLimit = 0;
+  const CloudSync::MetadataPtr listed = apis_[0]->ListPath(param).entries.at(0);
+  const std::string target = folder_.Path() + "/down.bin";
+  const int fd = ::open(target.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0644);
+  ASSERT_GE(fd, 0);
+  CloudSync::YPartDownloader(Two()).Download(*listed, fd);
+  ::close(fd);
+  std::ifstream in(target, std::ios::binary);
+  const std::string got((std::istreambuf_iterator<char>(in)),
+                        std::istreambuf_iterator<char>());
+  EXPECT_TRUE(got == bytes)
+      << "downloaded " << got.size() << " bytes of " << bytes.size();
+}
+
+TEST_F(TransferService, AFileChangedWhileSentOrACancelStopsTheUpload) {
+  const std::string file = folder_.Write("moving.bin", Pattern(12 * kMiB, 3));
+  CloudSync::YPartUploader uploader(Two());
+  // Cut short after the first batch: the next batch's parts are gone.
+  EXPECT_EQ(CodeOf([&] {
+              uploader.Upload(file, [&](const CloudSync::TransferProgress &) {
+                ::truncate(file.c_str(), kMiB);
+              });
+            }),
+            CloudSync::kFileChangedWhileRead);
+
+  const std::string other = folder_.Write("other.bin", Pattern(12 * kMiB, 4));
+  EXPECT_EQ(CodeOf([&] { uploader.Upload(other, {}, [] { return true; }); }),
+            CloudSync::kTransferCancelled);
+
+  // A listing whose parts fall short of the size never makes a short file.
+  CloudSync::MetadataInfo entry;
+  entry.id = 1;
+  entry.path = "/short";
+  entry.size = 10;
+  const int fd =
+      ::open((folder_.Path() + "/short").c_str(), O_WRONLY | O_CREAT, 0644);
+  EXPECT_EQ(
+      CodeOf([&] { CloudSync::YPartDownloader(Two()).Download(entry, fd); }),
+      CloudSync::kPartsMissing);
+  ::close(fd);
+}
+
+} // namespace

@@ -25,6 +25,7 @@ inline constexpr unsigned int kAgentAlreadyRunning = 197;
 inline constexpr unsigned int kUnknownMethod = 228;
 inline constexpr unsigned int kTerminated = 65;
 inline constexpr unsigned int kPartsMissing = 162;
+inline constexpr unsigned int kBadAnswer = 161;  // the service answered something unreadable
 inline constexpr unsigned int kNoAnswer = 163;
 inline constexpr unsigned int kFileNotFound = 174;
 inline constexpr unsigned int kFileChanged = 184;

@@ -55,7 +55,7 @@ int32_t ProgressStep(uint64_t done, uint64_t total) {
 // A transport failure or a service that answers nothing useful: the pass
 // stops and waits for the cloud instead of marking every path.
 bool IsCloudDown(const Qel::Exception::YError& e) {
-  return e.GetCcode() == kNoAnswer || e.GetCcode() == 161 || e.GetCcode() == kNotLoggedIn;
+  return e.GetCcode() == kNoAnswer || e.GetCcode() == kBadAnswer || e.GetCcode() == kNotLoggedIn;
 }
 
 // "report.txt" -> "report (conflict copy 2026-11-23 101500).txt"

@@ -330,8 +330,11 @@ void YSyncEngine::Run() {
       }
       if (connections_.empty()) MakeConnections();
       Pass();
+      last_failure_.clear();
     } catch (const Qel::Exception::YError& e) {
-      Log().Write(kLogExc, "Sync pass failed: " + e.GetSummary());
+      // The same failure again (a cloud that stays away) is logged once.
+      if (e.GetSummary() != last_failure_) Log().Write(kLogExc, "Sync pass failed: " + e.GetSummary());
+      last_failure_ = e.GetSummary();
       connections_.clear();
       std::unique_lock<std::mutex> lock(signal_->mutex);
       signal_->cv.wait_for(lock, std::chrono::seconds(5), [this] { return IsStopping(); });

@@ -117,6 +117,7 @@ class YSyncEngine {
   std::vector<std::unique_ptr<CloudSync::YCloudApi>> connections_;
   size_t senders_ = 1;  // [0] for metadata, then senders, receivers
   std::unique_ptr<YFolderWatcher> watcher_;
+  Qel::YString last_failure_;  // summary of the last failed pass, "" after a good one
   struct FeedControl {
     std::atomic<bool> stop{false};
     std::mutex mutex;

@@ -28,7 +28,7 @@ using Qel::YString;
 
 struct Batch {
   PartList parts;
-  uint64_t offset = 0; // of the first part in the file
+  uint64_t offset = 0;  // of the first part in the file
   uint64_t bytes = 0;
 };
 
@@ -50,27 +50,21 @@ std::vector<Batch> CutBatches(const MetadataInfo &entry) {
     batches.back().bytes += part->size;
     offset += part->size;
   }
-  if (offset != entry.size) { // a short part list would make a short file
+  if (offset != entry.size) {  // a short part list would make a short file
     QEL_RAISE(kTransferLogType, kPartsMissing,
-              entry.path + ": the listed parts hold " +
-                  Qel::Util::NumberToString(offset) + " of " +
+              entry.path + ": the listed parts hold " + Qel::Util::NumberToString(offset) + " of " +
                   Qel::Util::NumberToString(entry.size) + " bytes",
               kFile, "Download");
   }
   return batches;
 }
 
-void WriteAll(int fd, const unsigned char *bytes, size_t size,
-              uint64_t offset) {
+void WriteAll(int fd, const unsigned char *bytes, size_t size, uint64_t offset) {
   size_t done = 0;
   while (done < size) {
-    const ssize_t n = ::pwrite(fd, bytes + done, size - done,
-                               static_cast<off_t>(offset + done));
-    if (n < 0 && errno == EINTR)
-      continue;
-    if (n < 0)
-      QEL_RAISE_OS(kTransferLogType, errno, "writing a downloaded part", kFile,
-                   "Download");
+    const ssize_t n = ::pwrite(fd, bytes + done, size - done, static_cast<off_t>(offset + done));
+    if (n < 0 && errno == EINTR) continue;
+    if (n < 0) QEL_RAISE_OS(kTransferLogType, errno, "writing a downloaded part", kFile, "Download");
     done += static_cast<size_t>(n);
   }
 }
@@ -80,8 +74,7 @@ void FetchAndWrite(YCloudApi &api, Batch &batch, uint64_t fileId, int fd) {
   if (got != batch.parts.size()) {
     YString text = "Failed to get parts: ";
     for (const PartPtr &part : batch.parts) {
-      if (part->data.IsEmpty())
-        text += part->fingerprint + ", ";
+      if (part->data.IsEmpty()) text += part->fingerprint + ", ";
     }
     QEL_RAISE(kTransferLogType, kPartsMissing, text, kFile, "Download");
   }
@@ -90,9 +83,7 @@ void FetchAndWrite(YCloudApi &api, Batch &batch, uint64_t fileId, int fd) {
     // wrong length must not reach the file either.
     if (part->data.GetCount() != part->size) {
       QEL_RAISE(kTransferLogType, kPartMismatch,
-                part->fingerprint + ": " +
-                    Qel::Util::NumberToString(part->data.GetCount()) +
-                    " bytes received, " +
+                part->fingerprint + ": " + Qel::Util::NumberToString(part->data.GetCount()) + " bytes received, " +
                     Qel::Util::NumberToString(part->size) + " listed",
                 kFile, "Download");
     }
@@ -101,13 +92,11 @@ void FetchAndWrite(YCloudApi &api, Batch &batch, uint64_t fileId, int fd) {
   }
 }
 
-} // namespace
+}  // namespace
 
-YPartDownloader::YPartDownloader(std::vector<YCloudApi *> connections)
-    : connections_(std::move(connections)) {}
+YPartDownloader::YPartDownloader(std::vector<YCloudApi *> connections) : connections_(std::move(connections)) {}
 
-void YPartDownloader::Download(const MetadataInfo &entry, int fd,
-                               const TransferProgressFn &progress,
+void YPartDownloader::Download(const MetadataInfo &entry, int fd, const TransferProgressFn &progress,
                                const TransferCancelFn &cancelled) {
   std::vector<Batch> batches = CutBatches(entry);
   std::atomic<size_t> next{0};
@@ -121,11 +110,9 @@ void YPartDownloader::Download(const MetadataInfo &entry, int fd,
     try {
       while (!failed.load()) {
         if (caller && cancelled && cancelled())
-          QEL_RAISE(kTransferLogType, kTransferCancelled, entry.path, kFile,
-                    "Download");
+          QEL_RAISE(kTransferLogType, kTransferCancelled, entry.path, kFile, "Download");
         const size_t index = next.fetch_add(1);
-        if (index >= batches.size())
-          break;
+        if (index >= batches.size()) break;
         if (caller && progress) {
           const uint64_t now = done.load();
           progress(TransferProgress{now, entry.size, now - reported, 0});
@@ -137,8 +124,7 @@ void YPartDownloader::Download(const MetadataInfo &entry, int fd,
     } catch (...) {
       failed = true;
       std::lock_guard<std::mutex> lock(error_mutex);
-      if (!error)
-        error = std::current_exception();
+      if (!error) error = std::current_exception();
     }
   };
 
@@ -147,10 +133,8 @@ void YPartDownloader::Download(const MetadataInfo &entry, int fd,
     helpers.emplace_back(work, std::ref(*connections_[i]), false);
   }
   work(*connections_.front(), true);
-  for (std::thread &t : helpers)
-    t.join();
-  if (error)
-    std::rethrow_exception(error);
+  for (std::thread &t : helpers) t.join();
+  if (error) std::rethrow_exception(error);
 }
 
-} // namespace CloudSync
+}  // namespace CloudSync

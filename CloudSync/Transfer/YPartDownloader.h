@@ -17,7 +17,7 @@ namespace CloudSync {
 class YCloudApi;
 
 class YPartDownloader {
-public:
+ public:
   // `connections`: one or more logged-in clients, not owned, outliving the
   // object. With N clients N batches are fetched at once.
   // REQUIRES: !connections.empty(), no null entry.
@@ -30,12 +30,11 @@ public:
   // OS error of a failed write (ENOSPC for a full disk). `progress` is called
   // before each batch the calling thread fetches. Neither syncs nor closes
   // `fd`; on failure the file holds an unspecified prefix.
-  void Download(const MetadataInfo &entry, int fd,
-                const TransferProgressFn &progress = {},
+  void Download(const MetadataInfo &entry, int fd, const TransferProgressFn &progress = {},
                 const TransferCancelFn &cancelled = {});
 
-private:
+ private:
   std::vector<YCloudApi *> connections_;
 };
 
-} // namespace CloudSync
+}  // namespace CloudSync

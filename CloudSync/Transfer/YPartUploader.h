@@ -26,7 +26,7 @@ namespace CloudSync {
 class YCloudApi;
 
 class YPartUploader {
-public:
+ public:
   // `connections`: one or more logged-in clients, not owned, outliving the
   // object. With N clients up to N batches are in flight at once.
   // REQUIRES: !connections.empty(), no null entry.
@@ -38,18 +38,15 @@ public:
   // modification time), the OS error when it cannot be read, 65 when
   // `cancelled` says so, and whatever the cloud raises. `stat` (optional)
   // receives the file's status as fingerprinted.
-  PartList Upload(const Qel::YString &localFile,
-                  const TransferProgressFn &progress = {},
-                  const TransferCancelFn &cancelled = {},
-                  struct stat *stat = nullptr);
+  PartList Upload(const Qel::YString &localFile, const TransferProgressFn &progress = {},
+                  const TransferCancelFn &cancelled = {}, struct stat *stat = nullptr);
 
-private:
+ private:
   std::vector<YCloudApi *> connections_;
 };
 
 // The parts of `localFile` exactly as Upload cuts them, without any network.
 // Raises like Upload.
-PartList FingerprintFile(const Qel::YString &localFile,
-                         struct stat *stat = nullptr);
+PartList FingerprintFile(const Qel::YString &localFile, struct stat *stat = nullptr);
 
-} // namespace CloudSync
+}  // namespace CloudSync

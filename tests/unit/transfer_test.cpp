@@ -37,15 +37,13 @@ std::string Pattern(size_t size, unsigned seed) {
 }
 
 class TempFolder {
-public:
+ public:
   TempFolder() {
     char folder[] = "/tmp/transfer_test.XXXXXX";
-    if (::mkdtemp(folder) != nullptr)
-      path_ = folder;
+    if (::mkdtemp(folder) != nullptr) path_ = folder;
   }
   ~TempFolder() {
-    if (!path_.empty())
-      std::filesystem::remove_all(path_);
+    if (!path_.empty()) std::filesystem::remove_all(path_);
   }
   std::string Write(const std::string &name, const std::string &bytes) const {
     const std::string file = path_ + "/" + name;
@@ -54,7 +52,7 @@ public:
   }
   const std::string &Path() const { return path_; }
 
-private:
+ private:
   std::string path_;
 };
 
@@ -70,12 +68,10 @@ unsigned int CodeOf(const std::function<void()> &f) {
 TEST(FingerprintFile, CutsWholeMebibytesAndFingerprintsEachSlice) {
   CloudSync::RegisterErrorCodes();
   TempFolder folder;
-  for (size_t size :
-       {size_t{0}, size_t{1}, kMiB, kMiB + 1, 3 * kMiB + kMiB / 2}) {
+  for (size_t size : {size_t{0}, size_t{1}, kMiB, kMiB + 1, 3 * kMiB + kMiB / 2}) {
     const std::string bytes = Pattern(size, static_cast<unsigned>(size));
     struct stat st {};
-    const PartList parts =
-        CloudSync::FingerprintFile(folder.Write("f", bytes), &st);
+    const PartList parts = CloudSync::FingerprintFile(folder.Write("f", bytes), &st);
     EXPECT_EQ(static_cast<size_t>(st.st_size), size);
     ASSERT_EQ(parts.size(), (size + kMiB - 1) / kMiB) << size;
     uint64_t offset = 0;
@@ -83,31 +79,24 @@ TEST(FingerprintFile, CutsWholeMebibytesAndFingerprintsEachSlice) {
       const size_t length = std::min(kMiB, size - offset);
       EXPECT_EQ(part->offset, offset);
       EXPECT_EQ(part->size, length);
-      EXPECT_EQ(
-          part->fingerprint,
-          YCloudApi::ComputeFingerprint(
-              reinterpret_cast<const unsigned char *>(bytes.data()) + offset,
-              length))
+      EXPECT_EQ(part->fingerprint,
+                YCloudApi::ComputeFingerprint(reinterpret_cast<const unsigned char *>(bytes.data()) + offset, length))
           << "size " << size << " offset " << offset;
       EXPECT_TRUE(part->data.IsEmpty());
       offset += length;
     }
   }
-  EXPECT_EQ(
-      CodeOf([&] { CloudSync::FingerprintFile(folder.Path() + "/missing"); }),
-      static_cast<unsigned>(ENOENT));
+  EXPECT_EQ(CodeOf([&] { CloudSync::FingerprintFile(folder.Path() + "/missing"); }), static_cast<unsigned>(ENOENT));
 }
 
 class TransferService : public ::testing::Test {
-protected:
+ protected:
   void SetUp() override {
     CloudSync::RegisterErrorCodes();
     service_ = std::make_unique<zarnu_test::CloudService>();
-    if (service_->Url().empty())
-      GTEST_SKIP() << "zarnu-cloud is not built beside the tests";
+    if (service_->Url().empty()) GTEST_SKIP() << "zarnu-cloud is not built beside the tests";
     for (int i = 0; i < 3; ++i) {
-      apis_.push_back(
-          std::make_unique<YCloudApi>("transfer_test", service_->Url()));
+      apis_.push_back(std::make_unique<YCloudApi>("transfer_test", service_->Url()));
       apis_.back()->Login("parts", "part pass");
     }
   }
@@ -118,13 +107,11 @@ protected:
   TempFolder folder_;
 };
 
-TEST_F(TransferService,
-       TwoConnectionsEachWayGiveTheSameBytesAndSendOnlyWhatIsMissing) {
+TEST_F(TransferService, TwoConnectionsEachWayGiveTheSameBytesAndSendOnlyWhatIsMissing) {
   // Seven full parts and a short one: batches of five go out on both
   // connections; the download's 1 MiB batches come back on both.
   std::string bytes = Pattern(7 * kMiB + 12345, 7);
-  bytes.replace(3 * kMiB, kMiB,
-                bytes.substr(0, kMiB)); // a part that repeats the first
+  bytes.replace(3 * kMiB, kMiB, bytes.substr(0, kMiB));  // a part that repeats the first
   const std::string file = folder_.Write("big.bin", bytes);
 
   CloudSync::YPartUploader uploader(Two());
@@ -140,10 +127,9 @@ TEST_F(TransferService,
   };
   const PartList parts = uploader.Upload(file, count);
   EXPECT_EQ(parts.size(), 8u);
-  EXPECT_EQ(sent, 7u); // the repeated part travels once
+  EXPECT_EQ(sent, 7u);  // the repeated part travels once
   EXPECT_EQ(reported, bytes.size());
-  const CloudSync::MetadataPtr created =
-      apis_[0]->CreateFile("/big.bin", parts);
+  const CloudSync::MetadataPtr created = apis_[0]->CreateFile("/big.bin", parts);
   EXPECT_EQ(created->size, bytes.size());
 
   sent = 0;
@@ -163,10 +149,8 @@ TEST_F(TransferService,
   CloudSync::YPartDownloader(Two()).Download(*listed, fd);
   ::close(fd);
   std::ifstream in(target, std::ios::binary);
-  const std::string got((std::istreambuf_iterator<char>(in)),
-                        std::istreambuf_iterator<char>());
-  EXPECT_TRUE(got == bytes)
-      << "downloaded " << got.size() << " bytes of " << bytes.size();
+  const std::string got((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  EXPECT_TRUE(got == bytes) << "downloaded " << got.size() << " bytes of " << bytes.size();
 }
 
 TEST_F(TransferService, AFileChangedWhileSentOrACancelStopsTheUpload) {
@@ -174,27 +158,21 @@ TEST_F(TransferService, AFileChangedWhileSentOrACancelStopsTheUpload) {
   CloudSync::YPartUploader uploader(Two());
   // Cut short after the first batch: the next batch's parts are gone.
   EXPECT_EQ(CodeOf([&] {
-              uploader.Upload(file, [&](const CloudSync::TransferProgress &) {
-                ::truncate(file.c_str(), kMiB);
-              });
+              uploader.Upload(file, [&](const CloudSync::TransferProgress &) { ::truncate(file.c_str(), kMiB); });
             }),
             CloudSync::kFileChangedWhileRead);
 
   const std::string other = folder_.Write("other.bin", Pattern(12 * kMiB, 4));
-  EXPECT_EQ(CodeOf([&] { uploader.Upload(other, {}, [] { return true; }); }),
-            CloudSync::kTransferCancelled);
+  EXPECT_EQ(CodeOf([&] { uploader.Upload(other, {}, [] { return true; }); }), CloudSync::kTransferCancelled);
 
   // A listing whose parts fall short of the size never makes a short file.
   CloudSync::MetadataInfo entry;
   entry.id = 1;
   entry.path = "/short";
   entry.size = 10;
-  const int fd =
-      ::open((folder_.Path() + "/short").c_str(), O_WRONLY | O_CREAT, 0644);
-  EXPECT_EQ(
-      CodeOf([&] { CloudSync::YPartDownloader(Two()).Download(entry, fd); }),
-      CloudSync::kPartsMissing);
+  const int fd = ::open((folder_.Path() + "/short").c_str(), O_WRONLY | O_CREAT, 0644);
+  EXPECT_EQ(CodeOf([&] { CloudSync::YPartDownloader(Two()).Download(entry, fd); }), CloudSync::kPartsMissing);
   ::close(fd);
 }
 
-} // namespace
+}  // namespace

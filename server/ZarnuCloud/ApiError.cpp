@@ -9,6 +9,7 @@ int httpStatusFor(ErrorCode code) {
     case ErrorCode::PartsMissing: return 409;
     case ErrorCode::FileInTheWay: return 409;
     case ErrorCode::IsFolder: return 409;
+    case ErrorCode::Conflict: return 409;
     case ErrorCode::NotFound: return 404;
     case ErrorCode::TooLarge: return 413;
     case ErrorCode::NotLoggedIn: return 401;

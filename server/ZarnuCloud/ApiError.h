@@ -3,11 +3,14 @@
 // code, the HTTP status that goes with it and a message that is safe to show a client
 // (it never contains a token or a password).
 
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace zarnu::cloud {
+
+struct Entry;
 
 enum class ErrorCode : int {
     Internal = 1,
@@ -20,6 +23,7 @@ enum class ErrorCode : int {
     NotLoggedIn = 177,
     IsFolder = 181,
     BadLogin = 191,
+    Conflict = 202,  ///< a conditional write found another version than the client saw
 };
 
 /// HTTP status that normally goes with an error code.
@@ -34,6 +38,8 @@ public:
 
     /// Fingerprints the account lacks (only for ErrorCode::PartsMissing).
     std::vector<std::string> missing;
+    /// What the path holds now (only for ErrorCode::Conflict; null when nothing is there).
+    std::shared_ptr<const Entry> current;
 
 private:
     ErrorCode code_;

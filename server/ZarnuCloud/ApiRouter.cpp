@@ -32,12 +32,17 @@ HttpResponse jsonAnswer(const json::value& v, int status = 200) {
     return r;
 }
 
+json::object entryJson(const Entry& e, const std::vector<PartLocation>* parts);
+
 HttpResponse errorAnswer(const ApiError& e) {
     json::object err{{"code", static_cast<int>(e.code())}, {"message", e.what()}};
     if (e.code() == ErrorCode::PartsMissing) {
         json::array missing;
         for (const auto& m : e.missing) missing.emplace_back(m);
         err["missing"] = std::move(missing);
+    }
+    if (e.code() == ErrorCode::Conflict) {
+        err["current"] = e.current ? json::value(entryJson(*e.current, nullptr)) : json::value(nullptr);
     }
     return jsonAnswer(json::object{{"error", std::move(err)}}, e.httpStatus());
 }
@@ -138,6 +143,27 @@ json::object entryJson(const Entry& e, const std::vector<PartLocation>* parts) {
         o["parts"] = std::move(list);
     }
     return o;
+}
+
+// A path of the change feed: the entry as it is now (files with all their parts), or, for
+// a path that left the tree, its path with id 0 and "deleted" set.
+json::object feedJson(CloudService& service, const TreeChange& change) {
+    if (change.gone) {
+        Entry e;
+        e.key = change.entry.key;
+        e.name = CloudPath::pathOfKey(e.key).substr(CloudPath::pathOfKey(e.key).rfind('/') + 1);
+        e.deleted = 1;
+        return entryJson(e, nullptr);
+    }
+    if (change.entry.folder) return entryJson(change.entry, nullptr);
+    const std::vector<PartLocation> parts = service.meta().fileParts(change.entry.id, 0);
+    return entryJson(change.entry, &parts);
+}
+
+IfVersion ifVersionOf(const Fields& f) {
+    const json::value* v = f.find("if_version");
+    if (!v || v->is_null()) return std::nullopt;
+    return static_cast<EntryId>(Fields::toUnsigned(*v, "if_version"));
 }
 
 json::object changeJson(const ChangeResult& r, const char* countName) {
@@ -380,7 +406,7 @@ HttpResponse ApiRouter::route(const HttpRequest& req) {
             if (!m->is_int64() && !m->is_uint64()) throw ApiError(ErrorCode::BadInput, "\"modified\" must be an integer");
             modified = m->is_int64() ? m->as_int64() : static_cast<std::int64_t>(m->as_uint64());
         }
-        Entry e = service_.createFile(account, f.string("path"), f.parts("parts"), modified);
+        Entry e = service_.createFile(account, f.string("path"), f.parts("parts"), modified, ifVersionOf(f));
         return jsonAnswer(json::object{{"entry", entryJson(e, nullptr)}});
     }
     if (op == "parts/download") {
@@ -408,11 +434,21 @@ HttpResponse ApiRouter::route(const HttpRequest& req) {
         return jsonAnswer(json::object{{"entry", entryJson(service_.makeFolder(account, f.string("path")), nullptr)}});
     }
     if (op == "delete") {
-        return jsonAnswer(changeJson(service_.remove(account, f.string("path")), "deleted"));
+        return jsonAnswer(changeJson(service_.remove(account, f.string("path"), ifVersionOf(f)), "deleted"));
     }
     if (op == "undelete") {
         auto selector = f.unsignedInt("deleted", kLatestDeleted);
         return jsonAnswer(changeJson(service_.undelete(account, f.string("path"), selector), "restored"));
+    }
+    if (op == "changes") {
+        FeedPage page = service_.changes(account, f.string("cursor", false), f.unsignedInt("timeout", 0),
+                                         f.unsignedInt("limit", 1000));
+        json::array changes;
+        for (const TreeChange& change : page.changes) changes.push_back(feedJson(service_, change));
+        return jsonAnswer(json::object{{"changes", std::move(changes)},
+                                       {"cursor", page.cursor},
+                                       {"more", page.more},
+                                       {"reset", page.reset}});
     }
     if (op == "links/create") {
         std::string linkToken = service_.createLink(account, f.strings("paths"));

@@ -23,6 +23,8 @@ public:
 
     /// Largest body accepted for this request line.
     static std::size_t bodyLimit(std::string_view method, std::string_view path);
+    /// Whether a request to this path may be held for long (the change feed's long poll).
+    static bool isLongRequest(std::string_view path) { return path == "/api/v1/changes"; }
     /// The path as it may be logged (link tokens hidden).
     static std::string loggablePath(std::string_view path);
 

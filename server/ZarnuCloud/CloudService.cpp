@@ -7,6 +7,7 @@
 #include "PartBatch.h"
 #include "Secrets.h"
 
+#include <algorithm>
 #include <chrono>
 #include <future>
 #include <vector>
@@ -193,7 +194,7 @@ std::size_t CloudService::uploadParts(AccountId account, std::string_view body) 
 }
 
 Entry CloudService::createFile(AccountId account, std::string_view path, const std::vector<PartRef>& parts,
-                               std::optional<std::int64_t> modified) {
+                               std::optional<std::int64_t> modified, IfVersion ifVersion) {
     const std::string key = keyOfPath(path);
     for (const auto& p : parts) {
         if (!Fingerprint::isWellFormed(p.fingerprint))
@@ -202,7 +203,8 @@ Entry CloudService::createFile(AccountId account, std::string_view path, const s
             throw ApiError(ErrorCode::BadInput, "A part size must be between 1 and 1048576");
     }
     const std::int64_t now = unixNow();
-    Entry e = meta_.createFile(account, key, parts, modified.value_or(now), now);
+    Entry e = meta_.createFile(account, key, parts, modified.value_or(now), now, ifVersion);
+    notifier_.notify();
     stats_.filesCreated++;
     return e;
 }
@@ -249,15 +251,113 @@ std::vector<DownloadedPart> CloudService::downloadParts(AccountId account, Entry
 // ---- tree changes ----
 
 Entry CloudService::makeFolder(AccountId account, std::string_view path) {
-    return meta_.makeFolder(account, keyOfPath(path), unixNow());
+    Entry e = meta_.makeFolder(account, keyOfPath(path), unixNow());
+    notifier_.notify();
+    return e;
 }
 
-ChangeResult CloudService::remove(AccountId account, std::string_view path) {
-    return meta_.softDelete(account, keyOfPath(path), unixNow());
+ChangeResult CloudService::remove(AccountId account, std::string_view path, IfVersion ifVersion) {
+    ChangeResult r = meta_.softDelete(account, keyOfPath(path), unixNow(), ifVersion);
+    notifier_.notify();
+    return r;
 }
 
 ChangeResult CloudService::undelete(AccountId account, std::string_view path, std::uint64_t selector) {
-    return meta_.undelete(account, keyOfPath(path), selector);
+    ChangeResult r = meta_.undelete(account, keyOfPath(path), selector);
+    notifier_.notify();
+    return r;
+}
+
+// ---- the change feed ----
+
+namespace {
+
+// A cursor is "<seq>" (everything up to that change) or "<seq>.<hex key>" (inside a
+// change whose paths span pages: up to that key).
+struct FeedPosition {
+    std::int64_t seq = -1;
+    std::optional<std::string> key;  // set inside a change that spans pages
+};
+
+std::string formatCursor(std::int64_t seq, std::string_view key, bool withKey) {
+    std::string out = std::to_string(seq);
+    if (!withKey) return out;
+    static const char* digits = "0123456789abcdef";
+    out += '.';
+    for (unsigned char c : key) {
+        out += digits[c >> 4];
+        out += digits[c & 0x0F];
+    }
+    return out;
+}
+
+std::optional<FeedPosition> parseCursor(std::string_view text) {
+    FeedPosition p;
+    const auto dot = text.find('.');
+    const std::string_view number = text.substr(0, dot);
+    if (number.empty() || number.size() > 18) return std::nullopt;
+    p.seq = 0;
+    for (char c : number) {
+        if (c < '0' || c > '9') return std::nullopt;
+        p.seq = p.seq * 10 + (c - '0');
+    }
+    if (dot == std::string_view::npos) return p;
+    const std::string_view hex = text.substr(dot + 1);
+    if (hex.empty() || hex.size() % 2 != 0) return std::nullopt;
+    p.key.emplace();
+    auto nibble = [](char c) -> int {
+        if (c >= '0' && c <= '9') return c - '0';
+        if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+        return -1;
+    };
+    for (std::size_t i = 0; i < hex.size(); i += 2) {
+        const int hi = nibble(hex[i]), lo = nibble(hex[i + 1]);
+        if (hi < 0 || lo < 0) return std::nullopt;
+        *p.key += static_cast<char>(hi * 16 + lo);
+    }
+    return p;
+}
+
+}  // namespace
+
+FeedPage CloudService::changes(AccountId account, std::string_view cursor, std::uint64_t waitSeconds,
+                               std::uint64_t limit) {
+    if (waitSeconds > kMaxFeedWaitSeconds)
+        throw ApiError(ErrorCode::BadInput, "The field \"timeout\" must be at most 60 seconds, not " +
+                                                std::to_string(waitSeconds));
+    if (limit < 1 || limit > kMaxFeedLimit)
+        throw ApiError(ErrorCode::BadInput, "The field \"limit\" must be between 1 and 10000, not " +
+                                                std::to_string(limit));
+    FeedPosition from;
+    const bool reset = cursor.empty();
+    if (!reset) {
+        const auto parsed = parseCursor(cursor);
+        if (!parsed || parsed->seq > meta_.changeSeq(account))
+            throw ApiError(ErrorCode::BadInput,
+                           "The cursor \"" + std::string(cursor.substr(0, 80)) + "\" was not issued by this service");
+        from = *parsed;
+    }
+    std::optional<std::string_view> fromKey;
+    if (from.key) fromKey = *from.key;
+    TreeChangePage page = meta_.changesSince(account, from.seq, fromKey, limit);
+    if (page.changes.empty() && !reset && waitSeconds > 0) {
+        const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(waitSeconds);
+        const std::int64_t head = page.headSeq;
+        if (notifier_.waitFor([&] { return meta_.changeSeq(account) > head; }, deadline))
+            page = meta_.changesSince(account, from.seq, fromKey, limit);
+    }
+    FeedPage out;
+    out.reset = reset;
+    out.more = page.more;
+    if (page.more) {
+        out.cursor = formatCursor(page.changes.back().seq, page.changes.back().entry.key, true);
+    } else {
+        // Everything up to the snapshot's head was listed (it may have no paths: a change
+        // that left the tree as it was).
+        out.cursor = formatCursor(std::max(page.headSeq, from.seq), {}, false);
+    }
+    out.changes = std::move(page.changes);
+    return out;
 }
 
 // ---- public links ----

@@ -4,6 +4,7 @@
 // stores and the counters; they must outlive it. Thread-safe (all state lives in the
 // stores, which are thread-safe).
 
+#include "ChangeNotifier.h"
 #include "Lister.h"
 #include "MetadataStore.h"
 #include "PartStore.h"
@@ -36,6 +37,14 @@ struct LinkView {
     std::vector<Entry> files;
 };
 
+/// One answer of the change feed.
+struct FeedPage {
+    std::vector<TreeChange> changes;
+    std::string cursor;  ///< hand back for the changes after these
+    bool more = false;   ///< more changes follow at once
+    bool reset = false;  ///< the listing starts from nothing: it is the whole tree
+};
+
 class CloudService {
 public:
     static constexpr std::size_t kMaxMissingQuery = 10000;
@@ -43,6 +52,8 @@ public:
     static constexpr std::size_t kMaxDownloadBytes = 8 * 1024 * 1024;
     static constexpr std::size_t kMaxLinkPaths = 100;
     static constexpr std::size_t kMaxLinkFiles = 10000;
+    static constexpr unsigned kMaxFeedWaitSeconds = 60;
+    static constexpr std::size_t kMaxFeedLimit = 10000;
 
     CloudService(MetadataStore& meta, PartStore& parts, Stats& stats);
 
@@ -63,12 +74,20 @@ public:
     /// of parts received. 169 (nothing stored) when a part does not match its fingerprint.
     std::size_t uploadParts(AccountId account, std::string_view body);
     Entry createFile(AccountId account, std::string_view path, const std::vector<PartRef>& parts,
-                     std::optional<std::int64_t> modified);
+                     std::optional<std::int64_t> modified, IfVersion ifVersion = {});
     std::vector<DownloadedPart> downloadParts(AccountId account, EntryId file,
                                               const std::vector<std::string>& fingerprints);
     Entry makeFolder(AccountId account, std::string_view path);
-    ChangeResult remove(AccountId account, std::string_view path);
+    ChangeResult remove(AccountId account, std::string_view path, IfVersion ifVersion = {});
     ChangeResult undelete(AccountId account, std::string_view path, std::uint64_t selector);
+
+    /// The changes after `cursor` ("" for the whole tree), at most `limit` paths. With
+    /// nothing to report and `waitSeconds` > 0, waits for a change of this account (or
+    /// the time, or shutdown). 55 for a cursor this service did not issue, a wait above
+    /// kMaxFeedWaitSeconds or a limit outside 1..kMaxFeedLimit.
+    FeedPage changes(AccountId account, std::string_view cursor, std::uint64_t waitSeconds, std::uint64_t limit);
+    /// Ends held change-feed requests at once (the service is stopping).
+    void shutdown() { notifier_.shutdown(); }
 
     /// Returns the link token (128 random bits, hex).
     std::string createLink(AccountId account, const std::vector<std::string>& paths);
@@ -89,6 +108,7 @@ private:
     PartStore& parts_;
     Stats& stats_;
     Lister lister_;
+    ChangeNotifier notifier_;
 };
 
 /// Current time, Unix seconds.

@@ -68,11 +68,13 @@ struct HttpServer::Impl {
     std::optional<ssl::context> sslContext;
     tcp::acceptor acceptor{ioc};
     net::thread_pool workers;
+    net::thread_pool longWorkers;
     net::signal_set signals{ioc, SIGINT, SIGTERM};
 
     Impl(Options o, Handler h, BodyLimit b, LogPath l)
         : options(std::move(o)), handler(std::move(h)), bodyLimit(std::move(b)), logPath(std::move(l)),
-          workers(options.workerThreads ? options.workerThreads : 1) {}
+          workers(options.workerThreads ? options.workerThreads : 1),
+          longWorkers(options.isLongRequest ? std::max(1u, options.longRequestThreads) : 1) {}
 
     void accept();
 };
@@ -155,7 +157,8 @@ private:
         request->body = std::move(req.body());
         request->loopbackPeer = loopback_;
         request->tls = Derived::kTls;
-        net::post(server_.workers, [s = self().shared_from_this(), request] {
+        const bool longRequest = server_.options.isLongRequest && server_.options.isLongRequest(request->path);
+        net::post(longRequest ? server_.longWorkers : server_.workers, [s = self().shared_from_this(), request] {
             auto response = std::make_shared<HttpResponse>(s->server_.handler(*request));
             net::post(s->self().stream().get_executor(), [s, response] { s->write(std::move(*response)); });
         });
@@ -399,6 +402,7 @@ void HttpServer::run() {
 
 void HttpServer::stop() {
     Impl& s = *impl_;
+    if (s.options.onStop) s.options.onStop();
     net::post(s.ioc, [&s] {
         beast::error_code ec;
         s.acceptor.close(ec);

@@ -24,6 +24,13 @@ public:
         std::string keyFile;   ///< PEM key, when tls
         unsigned ioThreads = 2;
         unsigned workerThreads = 4;
+        /// Requests whose path this accepts may wait long (long polls): they run on a
+        /// pool of their own so that they never hold up other requests.
+        std::function<bool(std::string_view path)> isLongRequest;
+        unsigned longRequestThreads = 64;
+        /// Called when serving stops (a signal or stop()), before the pools are joined:
+        /// it must end waiting requests.
+        std::function<void()> onStop;
     };
     /// Must be thread-safe and must not throw.
     using Handler = std::function<HttpResponse(const HttpRequest&)>;

@@ -54,7 +54,26 @@ struct Entry {
     std::int64_t deleteOp = 0; ///< entries deleted together share this value
     std::uint64_t contained = 0;  ///< live direct children (folders)
     std::uint64_t partCount = 0;  ///< parts (files)
+    std::int64_t changeSeq = 0;   ///< the account's change sequence when this entry last changed
 };
+
+/// One path of the change feed: its current entry, or `gone` when no entry (live or
+/// deleted) is at the path any more; then only `entry.key` is set.
+struct TreeChange {
+    std::int64_t seq = 0;
+    bool gone = false;
+    Entry entry;
+};
+
+struct TreeChangePage {
+    std::vector<TreeChange> changes;  ///< in (seq, key) order
+    bool more = false;                ///< more changes follow the last one listed
+    std::int64_t headSeq = 0;         ///< the account's change sequence in the same snapshot
+};
+
+/// A conditional write: the id of the version the client expects at the path, 0 meaning
+/// "no live file". Absent means unconditional.
+using IfVersion = std::optional<EntryId>;
 
 struct Link {
     AccountId account = 0;
@@ -110,16 +129,31 @@ public:
     /// ApiError 162 (with `missing`) when a part is not held with that size, 172 when a
     /// parent is a live file, 181 when a live folder is at the key. Creates missing
     /// parents and revives deleted ones.
+    /// With `ifVersion`, throws ApiError 202 (with `current`) and changes nothing unless the
+    /// live file at `key` is that version, or, for 0, no live entry is there.
     virtual Entry createFile(AccountId account, std::string_view key, const std::vector<PartRef>& parts,
-                             std::int64_t modified, std::int64_t now) = 0;
+                             std::int64_t modified, std::int64_t now, IfVersion ifVersion = {}) = 0;
     /// Creates the folder and missing parents; revives deleted ones; 172 when a live file
     /// is in the way.
     virtual Entry makeFolder(AccountId account, std::string_view key, std::int64_t now) = 0;
     /// Marks the live entry and its live descendants deleted; 174 when there is none.
-    virtual ChangeResult softDelete(AccountId account, std::string_view key, std::int64_t now) = 0;
+    /// With `ifVersion`: 202 (with `current`) unless the live entry's id is that value.
+    virtual ChangeResult softDelete(AccountId account, std::string_view key, std::int64_t now,
+                                    IfVersion ifVersion = {}) = 0;
     /// Restores the deleted entry at key (selected by its deleted time or kLatestDeleted),
     /// the descendants deleted with it and its deleted parents; 174 when there is none.
     virtual ChangeResult undelete(AccountId account, std::string_view key, std::uint64_t selector) = 0;
+
+    // --- the change feed ---
+    /// Every change to an account's tree (in the same transaction) raises the account's
+    /// change sequence by one and stamps each entry it touched with it; a path whose
+    /// entries leave the tree is remembered as gone with that sequence.
+    virtual std::int64_t changeSeq(AccountId account) = 0;
+    /// The paths (never the root) whose last change is after (afterSeq, afterKey) in
+    /// (seq, key) order, at most `limit`, read in one snapshot. Without `afterKey`, all
+    /// paths of change `afterSeq` count as listed; afterSeq -1 lists all.
+    virtual TreeChangePage changesSince(AccountId account, std::int64_t afterSeq, std::optional<std::string_view> afterKey,
+                                        std::size_t limit) = 0;
 
     // --- public links ---
     virtual void addLink(std::string_view tokenHash, AccountId account, const std::vector<std::string>& keys,

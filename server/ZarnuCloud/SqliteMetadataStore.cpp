@@ -66,12 +66,22 @@ CREATE TABLE IF NOT EXISTS settings(
 CREATE TABLE IF NOT EXISTS counters(
   name TEXT PRIMARY KEY,
   value INTEGER NOT NULL) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS gone(
+  account INTEGER NOT NULL,
+  key BLOB NOT NULL,
+  seq INTEGER NOT NULL,
+  PRIMARY KEY(account, key)) WITHOUT ROWID;
+CREATE INDEX IF NOT EXISTS gone_by_seq ON gone(account, seq, key);
 )sql";
+
+// Run after kSchema: databases made before the change feed gain its column.
+const char* kChangeSeqColumn = "ALTER TABLE entries ADD COLUMN change_seq INTEGER NOT NULL DEFAULT 0";
+const char* kChangeSeqIndex = "CREATE INDEX IF NOT EXISTS entries_by_change ON entries(account, change_seq, key)";
 
 const char* kEntryColumns =
     "SELECT e.id, e.parent, e.key, e.name, e.folder, e.size, e.modified, e.deleted, e.delete_op, e.part_count, "
     "CASE WHEN e.folder THEN (SELECT COUNT(*) FROM entries c WHERE c.parent = e.id AND c.deleted = 0 "
-    "AND c.key IS NOT NULL) ELSE 0 END FROM entries e ";
+    "AND c.key IS NOT NULL) ELSE 0 END, e.change_seq FROM entries e ";
 
 }  // namespace
 
@@ -196,6 +206,7 @@ Entry readEntry(const Statement& s) {
     e.deleteOp = s.integer(8);
     e.partCount = static_cast<std::uint64_t>(s.integer(9));
     e.contained = static_cast<std::uint64_t>(s.integer(10));
+    e.changeSeq = s.integer(11);
     return e;
 }
 
@@ -222,19 +233,40 @@ std::string nameOfKey(std::string_view key) {
 }
 
 EntryId insertEntry(Connection& c, AccountId account, EntryId parent, std::string_view key, bool folder,
-                    std::uint64_t size, std::int64_t modified, std::uint64_t partCount) {
+                    std::uint64_t size, std::int64_t modified, std::uint64_t partCount, std::int64_t seq) {
     Statement s(c,
-                "INSERT INTO entries(account, parent, key, name, folder, size, modified, part_count) "
-                "VALUES(?, ?, ?, ?, ?, ?, ?, ?)");
+                "INSERT INTO entries(account, parent, key, name, folder, size, modified, part_count, change_seq) "
+                "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?)");
     s.bind(account).bind(parent).bindBlob(key).bindText(nameOfKey(key)).bind(folder ? 1 : 0);
-    s.bind(static_cast<std::int64_t>(size)).bind(modified).bind(static_cast<std::int64_t>(partCount));
+    s.bind(static_cast<std::int64_t>(size)).bind(modified).bind(static_cast<std::int64_t>(partCount)).bind(seq);
     s.run();
     return sqlite3_last_insert_rowid(c.db());
 }
 
+// The account's next change sequence; every change transaction takes one.
+std::int64_t nextSeq(Connection& c, AccountId account) {
+    Statement s(c,
+                "INSERT INTO counters(name, value) VALUES(?, 1) "
+                "ON CONFLICT(name) DO UPDATE SET value = value + 1 RETURNING value");
+    s.bindText("changes:" + std::to_string(account));
+    if (!s.step()) throw std::runtime_error("database error: no change counter");
+    const std::int64_t seq = s.integer(0);
+    s.run();
+    return seq;
+}
+
 // Takes the entry (and, for a folder, everything below it) out of the tree while keeping
-// the rows, so that earlier file versions stay reachable by id.
-void retire(Connection& c, AccountId account, const Entry& e) {
+// the rows, so that earlier file versions stay reachable by id. The paths are remembered
+// as gone (a path that gets a new entry in the same change is reported by that entry).
+void retire(Connection& c, AccountId account, const Entry& e, std::int64_t seq) {
+    {
+        Statement s(c,
+                    "INSERT INTO gone(account, key, seq) SELECT account, key, ? FROM entries "
+                    "WHERE account = ? AND (key = ? OR (key > ? AND key < ?)) "
+                    "ON CONFLICT(account, key) DO UPDATE SET seq = excluded.seq");
+        s.bind(seq).bind(account).bindBlob(e.key).bindBlob(e.key).bindBlob(CloudPath::descendantsEnd(e.key));
+        s.run();
+    }
     {
         Statement s(c, "UPDATE entries SET key = NULL WHERE account = ? AND key > ? AND key < ?");
         s.bind(account).bindBlob(e.key).bindBlob(CloudPath::descendantsEnd(e.key));
@@ -244,14 +276,28 @@ void retire(Connection& c, AccountId account, const Entry& e) {
     s.bind(e.id).run();
 }
 
-void revive(Connection& c, EntryId id) {
-    Statement s(c, "UPDATE entries SET deleted = 0, delete_op = 0 WHERE id = ?");
-    s.bind(id).run();
+void revive(Connection& c, EntryId id, std::int64_t seq) {
+    Statement s(c, "UPDATE entries SET deleted = 0, delete_op = 0, change_seq = ? WHERE id = ?");
+    s.bind(seq).bind(id).run();
+}
+
+// A conditional write goes ahead only when the path holds what the client saw: the live
+// entry with id `*ifVersion`, or for 0 no live entry. Otherwise 202 with what is there.
+void checkVersion(const std::optional<Entry>& current, const IfVersion& ifVersion, std::string_view key) {
+    if (!ifVersion) return;
+    const bool live = current && !current->deleted;
+    const bool expected = *ifVersion == 0 ? !live : live && current->id == *ifVersion;
+    if (expected) return;
+    ApiError err(ErrorCode::Conflict, "Conflict detected: " + CloudPath::pathOfKey(key) + " holds " +
+                                          (live ? "version " + std::to_string(current->id) : std::string("nothing")) +
+                                          ", not version " + std::to_string(*ifVersion));
+    if (live) err.current = std::make_shared<const Entry>(*current);
+    throw err;
 }
 
 // Makes sure every folder from the root down to `lastKey` exists and is live; returns the
 // id of the folder at lastKey. A live file on the way: 172.
-EntryId ensureFolders(Connection& c, AccountId account, std::string_view lastKey, std::int64_t now) {
+EntryId ensureFolders(Connection& c, AccountId account, std::string_view lastKey, std::int64_t now, std::int64_t seq) {
     auto root = findByKey(c, account, "");
     if (!root) throw std::runtime_error("database error: the account has no root folder");
     EntryId parent = root->id;
@@ -262,14 +308,14 @@ EntryId ensureFolders(Connection& c, AccountId account, std::string_view lastKey
         std::string_view key = lastKey.substr(0, next);
         auto e = findByKey(c, account, key);
         if (e && e->folder) {
-            if (e->deleted) revive(c, e->id);
+            if (e->deleted) revive(c, e->id, seq);
             parent = e->id;
         } else if (e && !e->deleted) {
             throw ApiError(ErrorCode::FileInTheWay,
                            "A file exists where a folder is needed: " + CloudPath::pathOfKey(key));
         } else {
-            if (e) retire(c, account, *e);
-            parent = insertEntry(c, account, parent, key, true, 0, now, 0);
+            if (e) retire(c, account, *e, seq);
+            parent = insertEntry(c, account, parent, key, true, 0, now, 0, seq);
         }
         pos = next;
     }
@@ -351,6 +397,13 @@ SqliteMetadataStore::SqliteMetadataStore(std::filesystem::path file, std::size_t
     (*lease).exec("BEGIN IMMEDIATE");
     try {
         (*lease).exec(kSchema);
+        bool hasChangeSeq = false;
+        {
+            Statement s(*lease, "SELECT 1 FROM pragma_table_info('entries') WHERE name = 'change_seq'");
+            hasChangeSeq = s.step();
+        }
+        if (!hasChangeSeq) (*lease).exec(kChangeSeqColumn);
+        (*lease).exec(kChangeSeqIndex);
         (*lease).exec("COMMIT");
     } catch (...) {
         (*lease).exec("ROLLBACK");
@@ -425,7 +478,7 @@ AccountId SqliteMetadataStore::createAccount(std::string_view name, std::string_
             s.bindText(name).bindText(passwordHash).bindText(name).bind(now).run();
         }
         AccountId id = sqlite3_last_insert_rowid((*c).db());
-        insertEntry(*c, id, 0, "", true, 0, now, 0);
+        insertEntry(*c, id, 0, "", true, 0, now, 0, 0);
         return id;
     });
 }
@@ -538,10 +591,11 @@ std::vector<PartLocation> SqliteMetadataStore::fileParts(EntryId file, std::size
 // ---- changing the tree ----
 
 Entry SqliteMetadataStore::createFile(AccountId account, std::string_view key, const std::vector<PartRef>& parts,
-                                      std::int64_t modified, std::int64_t now) {
+                                      std::int64_t modified, std::int64_t now, IfVersion ifVersion) {
     if (key.empty()) throw ApiError(ErrorCode::IsFolder, "The target path is a folder: /");
     auto c = acquire();
     return writeTransaction(writeMutex_, *c, [&] {
+        checkVersion(findByKey(*c, account, key), ifVersion, key);
         std::vector<std::string> missing;
         std::unordered_set<std::string> seen;
         std::uint64_t total = 0;
@@ -558,13 +612,14 @@ Entry SqliteMetadataStore::createFile(AccountId account, std::string_view key, c
             err.missing = std::move(missing);
             throw err;
         }
-        EntryId parent = ensureFolders(*c, account, CloudPath::parentKey(key), now);
+        const std::int64_t seq = nextSeq(*c, account);
+        EntryId parent = ensureFolders(*c, account, CloudPath::parentKey(key), now, seq);
         if (auto existing = findByKey(*c, account, key)) {
             if (existing->folder && !existing->deleted)
                 throw ApiError(ErrorCode::IsFolder, "The target path is a folder: " + CloudPath::pathOfKey(key));
-            retire(*c, account, *existing);
+            retire(*c, account, *existing, seq);
         }
-        EntryId id = insertEntry(*c, account, parent, key, false, total, modified, parts.size());
+        EntryId id = insertEntry(*c, account, parent, key, false, total, modified, parts.size(), seq);
         std::uint64_t offset = 0;
         for (std::size_t i = 0; i < parts.size(); ++i) {
             Statement s(*c, "INSERT INTO file_parts(file, idx, fingerprint, size, offset) VALUES(?, ?, ?, ?, ?)");
@@ -579,18 +634,20 @@ Entry SqliteMetadataStore::createFile(AccountId account, std::string_view key, c
 Entry SqliteMetadataStore::makeFolder(AccountId account, std::string_view key, std::int64_t now) {
     auto c = acquire();
     return writeTransaction(writeMutex_, *c, [&] {
-        ensureFolders(*c, account, key, now);
+        ensureFolders(*c, account, key, now, nextSeq(*c, account));
         return mustFindByKey(*c, account, key);
     });
 }
 
-ChangeResult SqliteMetadataStore::softDelete(AccountId account, std::string_view key, std::int64_t now) {
+ChangeResult SqliteMetadataStore::softDelete(AccountId account, std::string_view key, std::int64_t now,
+                                             IfVersion ifVersion) {
     if (key.empty()) throw ApiError(ErrorCode::BadInput, "The root folder cannot be deleted");
     auto c = acquire();
     return writeTransaction(writeMutex_, *c, [&] {
         auto e = findByKey(*c, account, key);
         if (!e || e->deleted)
             throw ApiError(ErrorCode::NotFound, "The file specified does not exist: " + CloudPath::pathOfKey(key));
+        checkVersion(e, ifVersion, key);
         std::int64_t op;
         {
             Statement s(*c,
@@ -601,9 +658,9 @@ ChangeResult SqliteMetadataStore::softDelete(AccountId account, std::string_view
             s.run();
         }
         Statement s(*c,
-                    "UPDATE entries SET deleted = ?, delete_op = ? WHERE account = ? AND deleted = 0 "
+                    "UPDATE entries SET deleted = ?, delete_op = ?, change_seq = ? WHERE account = ? AND deleted = 0 "
                     "AND (key = ? OR (key > ? AND key < ?))");
-        s.bind(now).bind(op).bind(account).bindBlob(key).bindBlob(key).bindBlob(CloudPath::descendantsEnd(key));
+        s.bind(now).bind(op).bind(nextSeq(*c, account)).bind(account).bindBlob(key).bindBlob(key).bindBlob(CloudPath::descendantsEnd(key));
         s.run();
         ChangeResult r;
         r.count = static_cast<std::uint64_t>(s.changes());
@@ -620,23 +677,88 @@ ChangeResult SqliteMetadataStore::undelete(AccountId account, std::string_view k
             throw ApiError(ErrorCode::NotFound,
                            "The file specified does not exist: no such deleted entry at " + CloudPath::pathOfKey(key));
         ChangeResult r;
+        const std::int64_t seq = nextSeq(*c, account);
         {
             Statement s(*c,
-                        "UPDATE entries SET deleted = 0, delete_op = 0 WHERE account = ? AND delete_op = ? "
-                        "AND (key = ? OR (key > ? AND key < ?))");
-            s.bind(account).bind(e->deleteOp).bindBlob(key).bindBlob(key).bindBlob(CloudPath::descendantsEnd(key));
+                        "UPDATE entries SET deleted = 0, delete_op = 0, change_seq = ? WHERE account = ? "
+                        "AND delete_op = ? AND (key = ? OR (key > ? AND key < ?))");
+            s.bind(seq).bind(account).bind(e->deleteOp).bindBlob(key).bindBlob(key).bindBlob(CloudPath::descendantsEnd(key));
             s.run();
             r.count = static_cast<std::uint64_t>(s.changes());
         }
         for (std::string parent = CloudPath::parentKey(key);; parent = CloudPath::parentKey(parent)) {
-            Statement s(*c, "UPDATE entries SET deleted = 0, delete_op = 0 WHERE account = ? AND key = ? AND deleted <> 0");
-            s.bind(account).bindBlob(parent).run();
+            Statement s(*c,
+                        "UPDATE entries SET deleted = 0, delete_op = 0, change_seq = ? WHERE account = ? AND key = ? "
+                        "AND deleted <> 0");
+            s.bind(seq).bind(account).bindBlob(parent).run();
             r.count += static_cast<std::uint64_t>(s.changes());
             if (parent.empty()) break;
         }
         r.entry = mustFindByKey(*c, account, key);
         return r;
     });
+}
+
+// ---- the change feed ----
+
+std::int64_t SqliteMetadataStore::changeSeq(AccountId account) {
+    auto c = acquire();
+    Statement s(*c, "SELECT value FROM counters WHERE name = ?");
+    s.bindText("changes:" + std::to_string(account));
+    return s.step() ? s.integer(0) : 0;
+}
+
+TreeChangePage SqliteMetadataStore::changesSince(AccountId account, std::int64_t afterSeq,
+                                                 std::optional<std::string_view> afterKey,
+                                                 std::size_t limit) {
+    auto c = acquire();
+    // One read snapshot: the listed states and their sequences belong together.
+    (*c).exec("BEGIN");
+    try {
+        TreeChangePage page;
+        {
+            Statement s(*c, "SELECT value FROM counters WHERE name = ?");
+            s.bindText("changes:" + std::to_string(account));
+            page.headSeq = s.step() ? s.integer(0) : 0;
+        }
+        {
+            Statement s(*c,
+                        "SELECT seq, key, gone FROM ("
+                        "SELECT change_seq AS seq, key, 0 AS gone FROM entries WHERE account = ? "
+                        "AND key IS NOT NULL AND key <> x'' AND (change_seq > ? OR (change_seq = ? AND ? AND key > ?)) "
+                        "UNION ALL "
+                        "SELECT g.seq, g.key, 1 FROM gone g WHERE g.account = ? "
+                        "AND (g.seq > ? OR (g.seq = ? AND ? AND g.key > ?)) "
+                        "AND NOT EXISTS (SELECT 1 FROM entries e WHERE e.account = g.account AND e.key = g.key)) "
+                        "ORDER BY seq, key LIMIT ?");
+            for (int i = 0; i < 2; ++i)
+                s.bind(account).bind(afterSeq).bind(afterSeq).bind(afterKey ? 1 : 0).bindBlob(afterKey.value_or(""));
+            s.bind(static_cast<std::int64_t>(limit + 1));
+            while (s.step()) {
+                if (page.changes.size() == limit) {
+                    page.more = true;
+                    break;
+                }
+                TreeChange change;
+                change.seq = s.integer(0);
+                change.entry.key = s.text(1);
+                change.gone = s.integer(2) != 0;
+                page.changes.push_back(std::move(change));
+            }
+        }
+        for (TreeChange& change : page.changes) {
+            if (change.gone) continue;
+            change.entry = mustFindByKey(*c, account, change.entry.key);
+        }
+        (*c).exec("COMMIT");
+        return page;
+    } catch (...) {
+        try {
+            (*c).exec("ROLLBACK");
+        } catch (...) {
+        }
+        throw;
+    }
 }
 
 // ---- links and settings ----

@@ -44,10 +44,14 @@ public:
     std::vector<PartLocation> fileParts(EntryId file, std::size_t limit) override;
 
     Entry createFile(AccountId account, std::string_view key, const std::vector<PartRef>& parts, std::int64_t modified,
-                     std::int64_t now) override;
+                     std::int64_t now, IfVersion ifVersion = {}) override;
     Entry makeFolder(AccountId account, std::string_view key, std::int64_t now) override;
-    ChangeResult softDelete(AccountId account, std::string_view key, std::int64_t now) override;
+    ChangeResult softDelete(AccountId account, std::string_view key, std::int64_t now, IfVersion ifVersion = {}) override;
     ChangeResult undelete(AccountId account, std::string_view key, std::uint64_t selector) override;
+
+    std::int64_t changeSeq(AccountId account) override;
+    TreeChangePage changesSince(AccountId account, std::int64_t afterSeq, std::optional<std::string_view> afterKey,
+                                std::size_t limit) override;
 
     void addLink(std::string_view tokenHash, AccountId account, const std::vector<std::string>& keys,
                  std::int64_t now) override;

@@ -57,6 +57,8 @@ int serve(const CommandLine& cl) {
     const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
     options.ioThreads = std::min(cores, 4u);
     options.workerThreads = std::max(4u, cores * 2);
+    options.isLongRequest = [](std::string_view path) { return ApiRouter::isLongRequest(path); };
+    options.onStop = [&service] { service.shutdown(); };
 
     const std::string authority = (cl.host.find(':') != std::string::npos ? "[" + cl.host + "]" : cl.host);
     auto router = std::make_shared<ApiRouter>(service, authority + ":" + std::to_string(cl.port));

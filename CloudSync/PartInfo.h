@@ -36,6 +36,7 @@ struct MetadataInfo {
   int64_t deleted = 0;      // deleted time, 0 when the entry is live
   uint64_t contained = 0;   // folders: live direct children
   uint64_t partCount = 0;   // files: number of parts (also when parts were not listed)
+  uint64_t changeSeq = 0;   // the account's change sequence of this state; 0 when the service did not say
   PartList parts;           // files, when parts were asked for; in file order
 
   bool IsFolder() const { return (attributes & Qel::File::kAttributeFolder) != 0; }

@@ -224,6 +224,7 @@ MetadataPtr YCloudApi::ReadEntry(const YObject& o) {
     m->deleted = static_cast<int64_t>(OptionalNumber(o, "deleted"));
     m->contained = OptionalNumber(o, "contained");
     m->partCount = OptionalNumber(o, "part_count");
+    m->changeSeq = OptionalNumber(o, "change_seq");
     if (o.Has("parts")) {
       for (const Qel::JSON::YValuePtr& v : o.Get<YArray>("parts", kLogType)) {
         if (!v || !v->IsObject())

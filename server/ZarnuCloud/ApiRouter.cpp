@@ -135,6 +135,7 @@ json::object entryJson(const Entry& e, const std::vector<PartLocation>* parts) {
         {"deleted", e.deleted},
         {"contained", e.contained},
         {"part_count", e.partCount},
+        {"change_seq", e.changeSeq},
     };
     if (parts) {
         json::array list;
@@ -153,6 +154,7 @@ json::object feedJson(CloudService& service, const TreeChange& change) {
         e.key = change.entry.key;
         e.name = CloudPath::pathOfKey(e.key).substr(CloudPath::pathOfKey(e.key).rfind('/') + 1);
         e.deleted = 1;
+        e.changeSeq = change.seq;
         return entryJson(e, nullptr);
     }
     if (change.entry.folder) return entryJson(change.entry, nullptr);

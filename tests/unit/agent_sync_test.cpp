@@ -18,11 +18,12 @@ using Agent::Sync::RemoteItem;
 using Agent::Sync::YRemoteView;
 using Agent::Sync::YSyncIndex;
 
-CloudSync::MetadataPtr Entry(const char* path, uint64_t id, int64_t deleted = 0) {
+CloudSync::MetadataPtr Entry(const char* path, uint64_t id, int64_t deleted = 0, uint64_t seq = 0) {
   auto e = std::make_shared<CloudSync::MetadataInfo>();
   e->path = path;
   e->id = id;
   e->deleted = deleted;
+  e->changeSeq = seq;
   e->size = 1;
   return e;
 }
@@ -62,8 +63,8 @@ class RemoteViewTest : public ::testing::Test {
 TEST_F(RemoteViewTest, AnAnswerFromBeforeAnOwnWriteDoesNotUndoIt) {
   ASSERT_TRUE(view_->ApplyFeed({Entry("/a.txt", 5)}, "c1", true, false, view_->BeginPoll()));
   const uint64_t pollStarted = view_->BeginPoll();
-  view_->RecordOwnWrite("a.txt", Item(9), 0);  // the engine replaced version 5 by 9
-  view_->RecordOwnWrite("b.txt", nullptr, 7);  // and deleted version 7 of b.txt
+  view_->RecordOwnWrite("a.txt", Item(9), 0, 0);  // the engine replaced version 5 by 9
+  view_->RecordOwnWrite("b.txt", nullptr, 7, 0);  // and deleted version 7 of b.txt
   // The answer was computed before those writes: it still shows 5, and b live.
   view_->ApplyFeed({Entry("/a.txt", 5), Entry("/b.txt", 7)}, "c2", false, false, pollStarted);
   EXPECT_EQ(IdOf("a.txt"), 9u);
@@ -76,6 +77,18 @@ TEST_F(RemoteViewTest, AnAnswerFromBeforeAnOwnWriteDoesNotUndoIt) {
   EXPECT_EQ(IdOf("a.txt"), 0u);
   view_->ApplyFeed({Entry("/b.txt", 7)}, "c5", false, false, view_->BeginPoll());
   EXPECT_EQ(IdOf("b.txt"), 7u);
+}
+
+TEST_F(RemoteViewTest, TheCloudsChangeSequenceTellsAnUndeleteFromAStaleAnswer) {
+  ASSERT_TRUE(view_->ApplyFeed({Entry("/u.txt", 7, 0, 3)}, "3", true, false, view_->BeginPoll()));
+  const uint64_t pollStarted = view_->BeginPoll();
+  view_->RecordOwnWrite("u.txt", nullptr, 7, 4);  // the engine deleted version 7 as change 4
+  // A poll in flight since before the delete: its answer still shows 7 live.
+  view_->ApplyFeed({Entry("/u.txt", 7, 0, 3)}, "3", false, false, pollStarted);
+  EXPECT_EQ(IdOf("u.txt"), 0u);
+  // The same version live again, but as change 5: someone undeleted it.
+  view_->ApplyFeed({Entry("/u.txt", 7, 0, 5)}, "5", false, false, pollStarted);
+  EXPECT_EQ(IdOf("u.txt"), 7u);
 }
 
 TEST_F(RemoteViewTest, AResetReplacesTheViewOnlyWhenComplete) {

@@ -348,7 +348,7 @@ void YReconciler::Upload(const Item& item) {
                            static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec,
                            static_cast<uint64_t>(st.st_ino)};
   ctx_.index->RunInTransaction([&] {
-    ctx_.view->RecordOwnWrite(item.path, remote, 0);
+    ctx_.view->RecordOwnWrite(item.path, remote, 0, entry->changeSeq);
     PutBase(item.path, BaseOf(uploaded, entry->id));
   });
   ++outcome_.uploads;
@@ -363,7 +363,7 @@ void YReconciler::RemoteMkdir(const Item& item) {
   remote->folder = true;
   remote->modified = entry->modified;
   ctx_.index->RunInTransaction([&] {
-    ctx_.view->RecordOwnWrite(item.path, remote, 0);
+    ctx_.view->RecordOwnWrite(item.path, remote, 0, entry->changeSeq);
     PutBase(item.path, BaseOf(*item.local, entry->id));
   });
   ++outcome_.folders;
@@ -484,13 +484,14 @@ void YReconciler::RemoteDelete(const Item& item) {
     }
   }
   const uint64_t version = item.remote->folder ? item.remote->id : base.cloudId;
+  uint64_t seq = 0;
   try {
-    ctx_.api->DeleteFileIf(ToCloudPath(item.path), version);
+    seq = ctx_.api->DeleteFileIf(ToCloudPath(item.path), version)->changeSeq;
   } catch (const Qel::Exception::YError& e) {
     if (e.GetCcode() != kFileNotFound) throw;
   }
   ctx_.index->RunInTransaction([&] {
-    ctx_.view->RecordOwnWrite(item.path, nullptr, version);
+    ctx_.view->RecordOwnWrite(item.path, nullptr, version, seq);
     RemoveBase(item.path);
   });
   ++outcome_.cloudDeletes;

@@ -77,6 +77,9 @@ bool YRemoteView::IsStale(const Qel::YString& relative, const CloudSync::Metadat
   auto it = own_writes_.find(relative);
   if (it == own_writes_.end() || it->second.epoch <= startEpoch) return false;
   const OwnWrite& own = it->second;
+  // The cloud's change sequence orders states exactly (an undelete brings back
+  // the same version id, later).
+  if (own.seq != 0 && entry.changeSeq != 0) return entry.changeSeq < own.seq;
   if (entry.id < own.id) return true;  // an older version or an older deleted state
   // The engine deleted version `own.id`; the same version live is from before.
   return entry.id == own.id && !own.live && !entry.IsDeleted();
@@ -154,13 +157,15 @@ bool YRemoteView::ApplyLocked(const std::vector<CloudSync::MetadataPtr>& changes
   return changed;
 }
 
-void YRemoteView::RecordOwnWrite(const Qel::YString& relative, RemoteItemPtr item, uint64_t deletedId) {
+void YRemoteView::RecordOwnWrite(const Qel::YString& relative, RemoteItemPtr item, uint64_t deletedId,
+                                 uint64_t seq) {
   index_.RunInTransaction([&] {
     std::lock_guard<std::mutex> lock(mutex_);
     OwnWrite own;
     own.epoch = ++epoch_;
     own.live = item != nullptr;
     own.id = item ? item->id : deletedId;
+    own.seq = seq;
     own_writes_[relative] = own;
     ApplyOne(items_, relative, std::move(item), true);
   });

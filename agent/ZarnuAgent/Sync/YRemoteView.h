@@ -54,12 +54,14 @@ class YRemoteView {
                  bool more, uint64_t startEpoch);
 
   // Records the engine's own write at `relative`: `item` is what the cloud
-  // answered, or null for a delete of version `deletedId`. Writes to the
+  // answered, or null for a delete of version `deletedId`; `seq` is the
+  // cloud's change sequence of the write (0 when unknown). Feed entries with
+  // a lower sequence are older than the write and do not undo it. Writes to the
   // index in the caller's transaction when one is open.
   // Lock order: callers that hold an index transaction may call this (the
   // index before the view); the view never waits for the index while it
   // holds its own mutex.
-  void RecordOwnWrite(const Qel::YString& relative, RemoteItemPtr item, uint64_t deletedId);
+  void RecordOwnWrite(const Qel::YString& relative, RemoteItemPtr item, uint64_t deletedId, uint64_t seq);
 
   // The remote item for a service entry (null for deleted entries).
   static RemoteItemPtr FromEntry(const CloudSync::MetadataInfo& entry);
@@ -68,6 +70,7 @@ class YRemoteView {
   struct OwnWrite {
     uint64_t epoch = 0;
     uint64_t id = 0;
+    uint64_t seq = 0;
     bool live = false;
   };
   bool ApplyLocked(const std::vector<CloudSync::MetadataPtr>& changes, const Qel::YString& cursor, bool reset,

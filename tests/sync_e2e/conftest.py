@@ -1,58 +1,14 @@
 """Fixtures of the sync suite: the real zarnu-cloud with one account, and real
 ZarnuAgents linked to it, each with its own data folder and root folder."""
-import os
 import pathlib
-import subprocess
 import sys
-import time
 
 import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
-from agent_support import AgentProcess, CloudProcess, add_user, agent_env, bin_dir  # noqa: E402
-
-USER, PASSWORD = "alice", "correct horse"
-
-
-class SyncedAgent:
-    """A linked ZarnuAgent: `root` is its synced folder, `data` its data folder."""
-
-    def __init__(self, base, name, cloud_url):
-        self.base = pathlib.Path(base) / name
-        self.data = self.base / "data"
-        self.root = self.base / "root"
-        self.home = self.base / "home"
-        self.home.mkdir(parents=True)
-        self.env = agent_env(self.data, self.home)
-        link = subprocess.run([str(bin_dir() / "ZarnuAgent"), "-link", f"-username={USER}", f"-root={self.root}",
-                               f"-cloudAddress={cloud_url}"], input=PASSWORD + "\n", text=True,
-                              capture_output=True, env=self.env, timeout=60)
-        assert link.returncode == 0, link.stderr
-        self.process = None
-
-    def start(self):
-        self.process = AgentProcess(self.data, self.home).start()
-        return self
-
-    def stop(self, sig=None):
-        if self.process is None:
-            return None
-        code = self.process.stop(sig) if sig is not None else self.process.stop()
-        self.process = None
-        return code
-
-    def log(self):
-        path = self.data / "agent.log"
-        return path.read_text(errors="replace") if path.exists() else ""
-
-    def put_option(self, name, value):
-        env = dict(self.env)
-        out = subprocess.run([str(bin_dir() / "zarnucmd"), "Config", "put", name, str(value)], env=env,
-                             capture_output=True, text=True, timeout=60)
-        assert out.returncode == 0, out.stderr
-
-    def connect(self):
-        return self.process.connect()
+from agent_support import CloudProcess, add_user  # noqa: E402
+from sync_support import (PASSWORD, USER, SyncedAgent, cloud_tree, eventually, local_tree,  # noqa: E402,F401
+                          write)
 
 
 @pytest.fixture
@@ -83,58 +39,3 @@ def make_agent(tmp_path, cloud):
     yield make
     for agent in made:
         agent.stop()
-
-
-def eventually(check, timeout=60, what="the folders to converge"):
-    """Polls `check` until it returns a true value; fails with its last value."""
-    deadline = time.monotonic() + timeout
-    last = None
-    while time.monotonic() < deadline:
-        last = check()
-        if last is True or (last and not isinstance(last, str)):
-            return last
-        time.sleep(0.1)
-    raise AssertionError(f"timed out waiting for {what}: {last}")
-
-
-def local_tree(root):
-    """{relative path: bytes} of the files below `root`, and the set of folders."""
-    files, folders = {}, set()
-    for dirpath, dirnames, filenames in os.walk(root):
-        rel = os.path.relpath(dirpath, root)
-        dirnames[:] = [d for d in dirnames if not d.startswith(".Trash-")]
-        for d in dirnames:
-            folders.add(os.path.normpath(os.path.join(rel, d)))
-        for f in filenames:
-            path = os.path.normpath(os.path.join(rel, f))
-            with open(os.path.join(dirpath, f), "rb") as fh:
-                files[path] = fh.read()
-    return files, folders
-
-
-def cloud_tree(client):
-    """{relative path: bytes} of the live cloud files (every part fetched and checked)."""
-    files = {}
-    for page in client.list_pages("/", recurse=True, include_parts=True):
-        for entry in page["entries"]:
-            if entry["is_folder"] or entry["path"] == "/":
-                continue
-            data = b""
-            fps = [p["fingerprint"] for p in entry["parts"]]
-            for i in range(0, len(fps), 50):
-                for fp, status, chunk in client.download(entry["id"], fps[i:i + 50]):
-                    assert status == "ok", (entry["path"], fp, status)
-                    data += chunk
-            assert len(data) == entry["size"], entry["path"]
-            files[entry["path"][1:]] = data
-    return files
-
-
-def write(path, data):
-    path = pathlib.Path(path)
-    path.parent.mkdir(parents=True, exist_ok=True)
-    path.write_bytes(data)
-    # Written files count as complete once they are a little older; move the
-    # mtime back so the agent need not wait.
-    old = time.time() - 10
-    os.utime(path, (old, old))

@@ -88,6 +88,9 @@ class YConsoleLogger {
 
   // Ends an unfinished line that a carriage return left open (call at exit).
   void Finish();
+  // Hands the lines written so far to the output now (a pipe buffers them
+  // otherwise): for output that a loop updates while it waits.
+  void Flush() { std::fflush(out_); }
 
  private:
   YConsoleLogger& Number(long double value, bool integral);

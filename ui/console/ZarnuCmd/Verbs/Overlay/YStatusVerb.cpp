@@ -1,9 +1,49 @@
 #include "Verbs/Overlay/YStatusVerb.h"
 
-#include "NotAvailable.h"
+#include <algorithm>
+#include <cerrno>
+
+#include "CloudSync/Overlay/MenuItem.h"
+#include "CloudSync/Overlay/OverlayClient.h"
+#include "CloudSync/Overlay/PathStatus.h"
+#include "CloudSync/Overlay/YClientScope.h"
+#include "CloudSync/Overlay/YOverlayContext.h"
+#include "Qel/Exception/YError.h"
+#include "Qel/File/File.h"
+#include "Qel/File/YFileEnum.h"
+#include "Qel/Log/YConsoleLogger.h"
+#include "Qel/Thread/YThread.h"
+#include "Qel/Util/Util.h"
 #include "Verbs/Overlay/YOverlayVerbModule.h"
 
 namespace Overlay {
+
+namespace {
+
+constexpr const char* kEnumSource = "libqel/Qel/File/YFileEnumHandler";
+constexpr unsigned int kLogShell = 15;
+constexpr unsigned int kDefaultWatchMs = 500;
+constexpr uint64_t kShowDescription = 1;  // menu item flag: its description belongs in status output
+constexpr size_t kNameExtra = 8;
+constexpr size_t kStatusExtra = 8;
+constexpr size_t kRuleExtra = 17;  // the two column gaps, plus one
+
+using Qel::YString;
+using Qel::Log::Ctl;
+
+// A shell wild card ("*.txt") as the regular expression the enumerator takes.
+YString WildcardToRegex(const YString& pattern) {
+  YString out;
+  for (char c : pattern) {
+    if (c == '*') out += ".*";
+    else if (c == '?') out += '.';
+    else if (std::string_view("\\^$.|+()[]{}").find(c) != std::string_view::npos) out += YString("\\") + c;
+    else out += c;
+  }
+  return out;
+}
+
+}  // namespace
 
 YStatusVerb::YStatusVerb(Qel::Application::YConsoleMain* app, YOverlayVerbModule* module)
     : YVerbBase(app, module, "status", "Reports status of a path (wild cards are supported)",
@@ -14,8 +54,118 @@ YStatusVerb::YStatusVerb(Qel::Application::YConsoleMain* app, YOverlayVerbModule
                 {"path..."}, false),
       module_(module) {}
 
+YStatusVerb::Results YStatusVerb::Pass(OverlayClient::YOverlayContext& context, const YString& root,
+                                       const std::vector<YString>& paths, bool detailed) {
+  Results results;
+  for (const YString& given : paths) {
+    // Inside the root share as given; anything else names a place inside it.
+    const bool inside = !root.empty() && Qel::File::DoesFileExist(given) &&
+                        Qel::File::IsPathWithinPath(given, root, false);
+    const YString path = inside ? given : Qel::File::AppendPaths(root, given, "/");
+    const YString folder = Qel::File::RemoveFileFromPath(path, "/");
+    const YString pattern = Qel::File::GetFileFromPath(path, "/");
+    bool found = false;
+    auto onEntry = [&](const Qel::File::YFileEnumEntry& entry) {
+      found = true;
+      Row row;
+      row.name = entry.name;
+      try {
+        const OverlayClient::PathStatus status = context.GetPathStatus(entry.path);
+        row.status = OverlayClient::CloudStatusText(status);
+        row.progress = OverlayClient::SyncProgressText(status);
+      } catch (const Qel::Exception::YError& e) {
+        row.status = "Error";
+        row.progress = e.GetSummary();
+      }
+      if (detailed) {
+        try {
+          for (const OverlayClient::MenuItemPtr& item : context.GetContextMenu(entry.path)) {
+            if (item && (item->flags & kShowDescription) != 0) row.details.push_back(item->description);
+          }
+        } catch (const Qel::Exception::YError&) {
+          // No menu for this entry: no detail lines.
+        }
+      }
+      results[folder][entry.path] = std::move(row);
+      return Qel::File::EnumResult::kContinue;
+    };
+    int rc = qel_file_enum(folder, pattern, 0, onEntry);
+    // "*.txt" is no regular expression; as a shell wild card it is.
+    if (rc == EINVAL && !found) rc = qel_file_enum(folder, WildcardToRegex(pattern), 0, onEntry);
+    if (rc == ENOENT || rc == ENOTDIR) rc = 0;  // a missing folder: the "No such path" row below
+    if (rc != 0) {
+      Qel::Exception::YError error(kLogShell, static_cast<unsigned int>(rc), 0, __LINE__, kEnumSource, "Enumerate");
+      error.SetInfo(folder);
+      Qel::Exception::Raise(error);
+    }
+    if (!found) results[path][path] = Row{Qel::File::GetFileFromPath(path, "/"), "Error", "No such path", {}};
+  }
+  return results;
+}
+
+void YStatusVerb::Print(const Results& results, bool detailed) {
+  Qel::Log::YConsoleLogger& out = GetApp()->GetLogger();
+  size_t name = 0, status = 0, progress = 0;
+  for (const auto& [folder, rows] : results) {
+    for (const auto& [path, row] : rows) {
+      name = std::max(name, row.name.size());
+      status = std::max(status, row.status.size());
+      progress = std::max(progress, row.progress.size());
+    }
+  }
+  for (const auto& [folder, rows] : results) {
+    out << "Results for path: " << folder << Ctl::EndLine;
+    out << Qel::Log::Fill('_') << Qel::Log::Width(name + status + progress + kRuleExtra) << " " << Ctl::EndLine;
+    for (const auto& [path, row] : rows) {
+      out << Ctl::AlignLeft << Qel::Log::Width(name + kNameExtra) << row.name << Ctl::AlignLeft
+          << Qel::Log::Width(status + kStatusExtra) << row.status << Ctl::AlignLeft << Qel::Log::Width(progress)
+          << row.progress << Ctl::EndLine;
+      if (!detailed) continue;
+      for (const YString& detail : row.details) {
+        out << Qel::Log::Width(name + kNameExtra) << " " << detail << Ctl::EndLine;
+      }
+      if (!row.details.empty()) out << Ctl::EndLine;
+    }
+  }
+}
+
 void YStatusVerb::Execute(unsigned int& exitCode) {
-  RaiseNotAvailableYet(*this, "ui/console/ZarnuCmd/Verbs/Overlay/YStatusVerb");
+  ParseParams(exitCode);
+  const Qel::Application::OptionMap& options = GetOptions();
+  const bool detailed = Qel::Application::HasOption(options, "d");
+  const bool watch = Qel::Application::HasOption(options, "w");
+  unsigned int periodMs = kDefaultWatchMs;
+  if (watch) {
+    const YString value = Qel::Application::GetOptionValue(options, "w", "");
+    if (!value.empty()) periodMs = Qel::Util::StringToNumber<unsigned int>(value);
+  }
+  const std::vector<YString> paths = GetMultiArgument("path...", ".*");
+
+  OverlayClient::YClientScope client(Qel::File::GetPathMap(Qel::File::kMapData));
+  OverlayClient::ConnectToAgent();  // no agent: its error, at once
+  const std::shared_ptr<OverlayClient::YOverlayContext> context = OverlayClient::GetLocalContext();
+  YString root = context->GetRootShare();
+  while (root.size() > 1 && root.EndsWith("/")) root.pop_back();
+
+  Qel::Log::YConsoleLogger& out = GetApp()->GetLogger();
+  if (watch) {
+    out << "Watch mode enabled, press enter to stop" << Ctl::EndLine;
+    out.Flush();
+    GetApp()->StartConsoleReader();
+  }
+  Results previous;
+  bool first = true;
+  while (true) {
+    Results now = Pass(*context, root, paths, detailed);
+    if (first || now != previous) {
+      Print(now, detailed);
+      out.Flush();
+    }
+    first = false;
+    previous = std::move(now);
+    if (!watch || GetApp()->HasConsoleInput()) break;
+    qel_sleep(periodMs);
+  }
 }
 
 }  // namespace Overlay

@@ -114,6 +114,7 @@ class OverlayConnection:
         self.sock.settimeout(10)
         self.next_id = 1
         self.pushed = []
+        self.attachments = []  # binary attachments of the last frame received
 
     @classmethod
     def unix(cls, path):
@@ -146,6 +147,11 @@ class OverlayConnection:
         assert magic == b"ZOV1", magic
         body = self._exactly(length)
         (json_len,) = struct.unpack(">I", body[:4])
+        rest, self.attachments = body[4 + json_len:], []
+        while rest:
+            (size,) = struct.unpack(">I", rest[:4])
+            self.attachments.append(rest[4:4 + size])
+            rest = rest[4 + size:]
         return json.loads(body[4:4 + json_len])
 
     def request(self, method, **params):

@@ -4,6 +4,7 @@
 namespace Agent {
 
 inline constexpr const char* kVersion = "1.34.0508";
+inline constexpr const char* kAgentName = "ZarnuAgent";  // the User-Agent of its cloud requests
 
 // Log message types (registered by CloudSync::RegisterLogTypes).
 inline constexpr unsigned int kLogCsm = 200;

@@ -17,7 +17,7 @@ Qel::Log::YLog& Log() { return Qel::Log::GetGlobalLogger(); }
 
 }  // namespace
 
-YOverlayDispatcher::YOverlayDispatcher(YAgentState& state) : state_(state) {
+YOverlayDispatcher::YOverlayDispatcher(YAgentState& state) : state_(state), menus_(state) {
   table_ = {
       {"overlay_debug_list", &YOverlayDispatcher::DebugList},
       {"overlay_debug_enable", &YOverlayDispatcher::DebugEnable},
@@ -29,6 +29,10 @@ YOverlayDispatcher::YOverlayDispatcher(YAgentState& state) : state_(state) {
       {"overlay_get_root_share", &YOverlayDispatcher::GetRootShare},
       {"overlay_path_status_sync", &YOverlayDispatcher::PathStatusSync},
       {"overlay_path_status_cached", &YOverlayDispatcher::PathStatusCached},
+      {"overlay_get_menu", &YOverlayDispatcher::GetMenu},
+      {"overlay_get_link", &YOverlayDispatcher::GetLink},
+      {"overlay_request_ui", &YOverlayDispatcher::RequestUi},
+      {"overlay_leave_share", &YOverlayDispatcher::LeaveShare},
   };
 }
 
@@ -146,6 +150,37 @@ Qel::JSON::YObject YOverlayDispatcher::PathStatusSync(const Qel::JSON::YObject& 
   result.Set("sync_progress", Qel::JSON::YValue(s.syncProgress));
   result.Set("flags", Qel::JSON::YValue(s.flags));
   return result;
+}
+
+namespace {
+
+std::vector<Qel::YString> Strings(const Qel::JSON::YObject& params, const char* name) {
+  std::vector<Qel::YString> out;
+  for (const auto& v : params.Get<Qel::JSON::YArray>(name, kLogOva)) {
+    if (v) out.push_back(v->AsString());
+  }
+  return out;
+}
+
+}  // namespace
+
+Qel::JSON::YObject YOverlayDispatcher::GetMenu(const Qel::JSON::YObject& params, const Push&) {
+  return menus_.GetMenu(Strings(params, "file_paths"));
+}
+
+Qel::JSON::YObject YOverlayDispatcher::GetLink(const Qel::JSON::YObject& params, const Push&) {
+  Qel::JSON::YObject result;
+  result.Set("link_url", Qel::JSON::YValue(menus_.MakeLink(Strings(params, "file_paths"))));
+  return result;
+}
+
+Qel::JSON::YObject YOverlayDispatcher::RequestUi(const Qel::JSON::YObject& params, const Push&) {
+  return menus_.RunCommand(params.Get<Qel::YString>("file_path", kLogOva),
+                           params.Get<unsigned long long>("ui_command", kLogOva));
+}
+
+Qel::JSON::YObject YOverlayDispatcher::LeaveShare(const Qel::JSON::YObject& params, const Push&) {
+  menus_.LeaveShare(params.Get<Qel::YString>("share_path", kLogOva));
 }
 
 Qel::IO::YCommandPtr YOverlayDispatcher::CreateRefresh(const YPathStatusTable::Changes& changes) {

@@ -16,6 +16,7 @@
 
 #include "Qel/IO/YCommand.h"
 #include "YAgentState.h"
+#include "YMenuProvider.h"
 
 namespace Agent {
 
@@ -59,11 +60,16 @@ class YOverlayDispatcher {
   Qel::JSON::YObject GetRootShare(const Qel::JSON::YObject& params, const Push& push);
   Qel::JSON::YObject PathStatusSync(const Qel::JSON::YObject& params, const Push& push);
   Qel::JSON::YObject PathStatusCached(const Qel::JSON::YObject& params, const Push& push);
+  Qel::JSON::YObject GetMenu(const Qel::JSON::YObject& params, const Push& push);
+  Qel::JSON::YObject GetLink(const Qel::JSON::YObject& params, const Push& push);
+  Qel::JSON::YObject RequestUi(const Qel::JSON::YObject& params, const Push& push);
+  Qel::JSON::YObject LeaveShare(const Qel::JSON::YObject& params, const Push& push);
 
   void Rescan(const char* why, bool fromScratch);
   std::vector<Qel::YString> MessageNames(const Qel::JSON::YObject& params) const;
 
   YAgentState& state_;
+  YMenuProvider menus_;
   std::map<Qel::YString, Handler> table_;
 };
 

@@ -23,7 +23,6 @@ constexpr auto kMaxQuietWait = std::chrono::seconds(1);
 constexpr auto kLinkCheck = std::chrono::seconds(2);
 constexpr int kMaxFeedBackoffSeconds = 30;
 constexpr auto kFeedStopWait = std::chrono::milliseconds(300);
-constexpr const char* kAgentName = "ZarnuAgent";
 
 Qel::Log::YLog& Log() { return Qel::Log::GetGlobalLogger(); }
 

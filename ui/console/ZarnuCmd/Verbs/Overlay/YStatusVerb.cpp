@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <condition_variable>
+#include <mutex>
 
 #include "CloudSync/Overlay/MenuItem.h"
 #include "CloudSync/Overlay/OverlayClient.h"
@@ -11,6 +13,9 @@
 #include "Qel/Exception/YError.h"
 #include "Qel/File/File.h"
 #include "Qel/File/YFileEnum.h"
+#include "Qel/IO/YCommand.h"
+#include "Qel/IO/YSession.h"
+#include "Qel/JSON/YValue.h"
 #include "Qel/Log/YConsoleLogger.h"
 #include "Qel/Thread/YThread.h"
 #include "Qel/Util/Util.h"
@@ -43,6 +48,89 @@ YString WildcardToRegex(const YString& pattern) {
   return out;
 }
 
+// Status requests for many entries at once: up to kInFlight go out before the
+// first answer is awaited, so a folder of many files costs about one round trip
+// per window instead of one per file. Answers fill their rows on the IO thread
+// under the lock; Wait returns once every row is filled.
+class StatusRequests {
+ public:
+  static constexpr size_t kInFlight = 256;
+
+  explicit StatusRequests(OverlayClient::YOverlayContext& context) : context_(context) {}
+  ~StatusRequests() { Wait(); }
+  StatusRequests(const StatusRequests&) = delete;
+  StatusRequests& operator=(const StatusRequests&) = delete;
+
+  // Asks for `path`; `row` (which must stay in place until Wait) gets the texts.
+  void Ask(const YString& path, YStatusVerb::Row* row) {
+    {
+      std::unique_lock<std::mutex> lock(mutex_);
+      done_.wait(lock, [this] { return pending_ < kInFlight; });
+      ++pending_;
+    }
+    auto request = Qel::IO::YCommand::CreateRequest("overlay_path_status_sync");
+    request->SetParam("file_path", Qel::JSON::YValue(path));
+    try {
+      context_.SubmitAgentRequestAsync(request, [this, path, row](std::shared_ptr<Qel::IO::YSession>,
+                                                                  Qel::IO::YCommandPtr reply,
+                                                                  const Qel::Exception::YError* error) {
+        YStatusVerb::Row answer;
+        try {
+          if (error) Qel::Exception::Raise(*error);
+          OverlayClient::PathStatus status;
+          status.path = path;
+          const Qel::JSON::YObject result = reply->GetResult();
+          status.cloudStatus = static_cast<int32_t>(result.Get<unsigned long long>("cloud_status", kLogReply));
+          status.syncProgress = static_cast<int32_t>(result.Get<unsigned long long>("sync_progress", kLogReply));
+          Fill(*row, status);
+        } catch (const Qel::Exception::YError& e) {
+          Fail(*row, e);
+        }
+        Finish();
+      });
+    } catch (const Qel::Exception::YError&) {
+      // No session right now: ask the slow way, which connects first.
+      try {
+        Fill(*row, context_.GetPathStatus(path));
+      } catch (const Qel::Exception::YError& e) {
+        Fail(*row, e);
+      }
+      Finish();
+    }
+  }
+
+  void Wait() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    done_.wait(lock, [this] { return pending_ == 0; });
+  }
+
+ private:
+  static constexpr unsigned int kLogReply = 198;
+
+  void Fill(YStatusVerb::Row& row, const OverlayClient::PathStatus& status) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    row.status = OverlayClient::CloudStatusText(status);
+    row.progress = OverlayClient::SyncProgressText(status);
+  }
+  void Fail(YStatusVerb::Row& row, const Qel::Exception::YError& e) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    row.status = "Error";
+    row.progress = e.GetSummary();
+  }
+  void Finish() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      --pending_;
+    }
+    done_.notify_all();
+  }
+
+  OverlayClient::YOverlayContext& context_;
+  std::mutex mutex_;
+  std::condition_variable done_;
+  size_t pending_ = 0;  // guarded by mutex_
+};
+
 }  // namespace
 
 YStatusVerb::YStatusVerb(Qel::Application::YConsoleMain* app, YOverlayVerbModule* module)
@@ -57,6 +145,7 @@ YStatusVerb::YStatusVerb(Qel::Application::YConsoleMain* app, YOverlayVerbModule
 YStatusVerb::Results YStatusVerb::Pass(OverlayClient::YOverlayContext& context, const YString& root,
                                        const std::vector<YString>& paths, bool detailed) {
   Results results;
+  StatusRequests requests(context);
   for (const YString& given : paths) {
     // Inside the root share as given; anything else names a place inside it.
     const bool inside = !root.empty() && Qel::File::DoesFileExist(given) &&
@@ -67,16 +156,9 @@ YStatusVerb::Results YStatusVerb::Pass(OverlayClient::YOverlayContext& context, 
     bool found = false;
     auto onEntry = [&](const Qel::File::YFileEnumEntry& entry) {
       found = true;
-      Row row;
+      Row& row = results[folder][entry.path];
       row.name = entry.name;
-      try {
-        const OverlayClient::PathStatus status = context.GetPathStatus(entry.path);
-        row.status = OverlayClient::CloudStatusText(status);
-        row.progress = OverlayClient::SyncProgressText(status);
-      } catch (const Qel::Exception::YError& e) {
-        row.status = "Error";
-        row.progress = e.GetSummary();
-      }
+      requests.Ask(entry.path, &row);
       if (detailed) {
         try {
           for (const OverlayClient::MenuItemPtr& item : context.GetContextMenu(entry.path)) {
@@ -86,7 +168,6 @@ YStatusVerb::Results YStatusVerb::Pass(OverlayClient::YOverlayContext& context, 
           // No menu for this entry: no detail lines.
         }
       }
-      results[folder][entry.path] = std::move(row);
       return Qel::File::EnumResult::kContinue;
     };
     int rc = qel_file_enum(folder, pattern, 0, onEntry);
@@ -98,8 +179,12 @@ YStatusVerb::Results YStatusVerb::Pass(OverlayClient::YOverlayContext& context, 
       error.SetInfo(folder);
       Qel::Exception::Raise(error);
     }
-    if (!found) results[path][path] = Row{Qel::File::GetFileFromPath(path, "/"), "Error", "No such path", {}};
+    if (!found) {
+      requests.Wait();
+      results[path][path] = Row{Qel::File::GetFileFromPath(path, "/"), "Error", "No such path", {}};
+    }
   }
+  requests.Wait();
   return results;
 }
 

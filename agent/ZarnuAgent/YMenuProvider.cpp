@@ -151,7 +151,10 @@ Qel::YString YMenuProvider::MakeLink(const std::vector<Qel::YString>& paths) con
   try {
     return api.CreatePublicLink(cloudPaths).link;
   } catch (Qel::Exception::YError& e) {
-    e.SetInfo(e.GetInfo().empty() ? cloudPaths.front() : e.GetInfo());
+    // Name the paths as the user knows them.
+    Qel::YString named;
+    for (const Qel::YString& path : paths) named += (named.empty() ? "" : ", ") + path;
+    e.SetInfo(named + (e.GetInfo().empty() ? Qel::YString() : ": " + e.GetInfo()));
     throw;
   }
 }

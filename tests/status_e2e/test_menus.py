@@ -54,7 +54,7 @@ def test_links_serve_the_file_and_commands_answer_with_them(agent, synced):
     assert copied["link_url"].startswith(link.rsplit("/", 1)[0])
     assert f"Public link for {synced}: {copied['link_url']}" in agent.log()
     missing = error_of(conn, "overlay_get_link", file_paths=[str(agent.root / "not-synced-yet.txt")], flags=0)
-    assert missing["code"] == 174
+    assert missing["code"] == 174 and str(agent.root / "not-synced-yet.txt") in missing["info"]
     assert error_of(conn, "overlay_request_ui", file_path=str(synced), ui_command=99, ui_command_arg={})["code"] == 228
     assert error_of(conn, "overlay_leave_share", share_path=str(agent.root))["code"] == 175
     assert error_of(conn, "overlay_leave_share", share_path=str(agent.root / "sub"))["code"] == 172

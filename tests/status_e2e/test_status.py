@@ -101,6 +101,12 @@ def test_watch_prints_changes_only_and_ends_on_enter(agent, zarnucmd):
             proc.wait()
 
 
+def test_enter_ends_a_long_watch_period_at_once(agent, zarnucmd):
+    # Closed input counts as a line: with a one-hour period the verb still ends after its first pass.
+    r = zarnucmd("Overlay", "status", "-w=3600000", stdin=subprocess.DEVNULL)
+    assert r.returncode == 0 and r.stdout.startswith("Watch mode enabled, press enter to stop\nResults for path: ")
+
+
 def test_no_agent_is_a_clear_error(agent, zarnucmd):
     agent.stop()
     r = zarnucmd("Overlay", "status")

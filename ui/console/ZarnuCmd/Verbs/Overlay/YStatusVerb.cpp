@@ -28,6 +28,7 @@ namespace {
 constexpr const char* kEnumSource = "libqel/Qel/File/YFileEnumHandler";
 constexpr unsigned int kLogShell = 15;
 constexpr unsigned int kDefaultWatchMs = 500;
+constexpr unsigned int kInputCheckMs = 50;  // how soon a line entered ends the watch
 constexpr uint64_t kShowDescription = 1;  // menu item flag: its description belongs in status output
 constexpr size_t kNameExtra = 8;
 constexpr size_t kStatusExtra = 8;
@@ -214,6 +215,15 @@ void YStatusVerb::Print(const Results& results, bool detailed) {
   }
 }
 
+bool YStatusVerb::WaitForInput(unsigned int periodMs) {
+  // In short slices: a line entered during a long period ends the watch at once.
+  for (unsigned int slept = 0; slept < periodMs; slept += kInputCheckMs) {
+    if (GetApp()->HasConsoleInput()) return true;
+    if (!qel_sleep(std::min(kInputCheckMs, periodMs - slept))) return true;  // interrupted: stop
+  }
+  return GetApp()->HasConsoleInput();
+}
+
 void YStatusVerb::Execute(unsigned int& exitCode) {
   ParseParams(exitCode);
   const Qel::Application::OptionMap& options = GetOptions();
@@ -248,8 +258,7 @@ void YStatusVerb::Execute(unsigned int& exitCode) {
     }
     first = false;
     previous = std::move(now);
-    if (!watch || GetApp()->HasConsoleInput()) break;
-    qel_sleep(periodMs);
+    if (!watch || WaitForInput(periodMs)) break;
   }
 }
 

@@ -41,6 +41,8 @@ class YStatusVerb : public Qel::Application::YConsoleMain::YVerbBase {
   Results Pass(OverlayClient::YOverlayContext& context, const Qel::YString& root,
                const std::vector<Qel::YString>& paths, bool detailed);
   void Print(const Results& results, bool detailed);
+  // Sleeps `periodMs`; true as soon as a line of console input has arrived.
+  bool WaitForInput(unsigned int periodMs);
 
   YOverlayVerbModule* module_;
 };

@@ -1,14 +1,35 @@
 """Linked ZarnuAgents for end-to-end suites, and ways to compare their folders with
 the cloud: SyncedAgent (its own data, root and home folders, linked to a zarnu-cloud
-with `ZarnuAgent -link`), eventually, local_tree, cloud_tree, write."""
+with `ZarnuAgent -link`), eventually, local_tree, cloud_tree, write, and the fixtures
+`cloud` and `client` (import them into a conftest)."""
 import os
 import pathlib
 import subprocess
 import time
 
-from agent_support import AgentProcess, agent_env, bin_dir
+import pytest
+
+from agent_support import AgentProcess, CloudProcess, add_user, agent_env, bin_dir
 
 USER, PASSWORD = "alice", "correct horse"
+
+
+@pytest.fixture
+def cloud(tmp_path):
+    """A zarnu-cloud on loopback with the account USER, stopped by process id."""
+    proc = CloudProcess(tmp_path / "cloud").start()
+    add_user(proc.data_dir, USER, PASSWORD)
+    yield proc
+    proc.stop()
+
+
+@pytest.fixture
+def client(cloud):
+    """A cloud client logged in as USER."""
+    c = cloud.client()
+    c.login(USER, PASSWORD)
+    yield c
+    c.close()
 
 
 class SyncedAgent:

@@ -9,6 +9,17 @@
 namespace Agent {
 
 namespace {
+
+// "/home/me/Zarnu/" -> "/home/me/Zarnu": paths below the root are compared
+// against it as a prefix. "/" stays.
+Qel::YString WithoutTrailingSlash(Qel::YString path) {
+  while (path.size() > 1 && path.EndsWith("/")) path.pop_back();
+  return path;
+}
+
+}  // namespace
+
+namespace {
 constexpr const char* kFile = "agent/ZarnuAgent/YAgentState";
 }  // namespace
 
@@ -35,7 +46,7 @@ void YAgentState::Reload() {
   std::lock_guard<std::mutex> lock(mutex_);
   user_ = db_->GetAuthUser();
   token_ = db_->GetAuthToken();
-  root_ = db_->GetRootFolder();
+  root_ = WithoutTrailingSlash(db_->GetRootFolder());
   settings_.Load(*db_);
 }
 
@@ -43,7 +54,7 @@ void YAgentState::ReloadLink() {
   std::lock_guard<std::mutex> lock(mutex_);
   user_ = db_->GetAuthUser();
   token_ = db_->GetAuthToken();
-  root_ = db_->GetRootFolder();
+  root_ = WithoutTrailingSlash(db_->GetRootFolder());
 }
 
 Qel::YString YAgentState::GetRootFolder() const {

@@ -37,6 +37,7 @@ class YAgentState {
   // Re-reads user, token and root folder only (a "-link" run beside the
   // agent writes them); the in-memory settings stay as they are.
   void ReloadLink();
+  // The linked root folder, never with a trailing "/"; "" when not linked.
   Qel::YString GetRootFolder() const;
   Qel::YString GetUser() const;
   Qel::YString GetToken() const;

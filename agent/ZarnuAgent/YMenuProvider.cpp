@@ -14,12 +14,12 @@
 #include "CloudSync/Overlay/MenuItem.h"
 #include "CloudSync/Paths.h"
 #include "CloudSync/YCloudApi.h"
-#include "CloudSync/YConfigDb.h"
 #include "Icons.h"
 #include "Qel/Exception/YError.h"
 #include "Qel/File/File.h"
 #include "Qel/JSON/YValue.h"
 #include "Qel/Log/YLog.h"
+#include "YCloudConnection.h"
 
 extern char** environ;
 
@@ -108,8 +108,7 @@ void RunDetached(std::vector<std::string> argv, std::string input) {
 YMenuProvider::YMenuProvider(YAgentState& state) : state_(state) {}
 
 Qel::YString YMenuProvider::RootFor(const Qel::YString& path, unsigned int code) const {
-  Qel::YString root = state_.GetRootFolder();
-  while (root.size() > 1 && root.EndsWith("/")) root.pop_back();
+  const Qel::YString root = state_.GetRootFolder();
   if (root.empty()) QEL_RAISE(kLogOva, code, path + " (the agent is not linked to a root folder)", kFile, "RootFor");
   if (path != root && !Qel::File::IsPathWithinPath(path, root, false)) {
     QEL_RAISE(kLogOva, code, path + " is outside the root folder " + root, kFile, "RootFor");
@@ -143,13 +142,11 @@ Qel::YString YMenuProvider::MakeLink(const std::vector<Qel::YString>& paths) con
   state_.ReloadLink();
   const Qel::YString token = state_.GetToken();
   if (token.empty()) QEL_RAISE(kLogOva, kNotLoggedIn, "the agent has no login; run ZarnuAgent -link", kFile, "MakeLink");
-  CloudSync::YCloudApi api(kAgentName, state_.GetOption("csmCloudAddress", CloudSync::GetDefaultCloudAddress()));
-  CloudSync::YConfigDb db(state_.GetPath(kConfigDbFile));
-  db.Initialize();
-  api.ApplyConfig(db);
-  api.Login(token);
+  const std::unique_ptr<CloudSync::YCloudApi> api =
+      ConnectToCloud(state_.GetOption("csmCloudAddress", CloudSync::GetDefaultCloudAddress()), token,
+                     state_.GetPath(kConfigDbFile));
   try {
-    return api.CreatePublicLink(cloudPaths).link;
+    return api->CreatePublicLink(cloudPaths).link;
   } catch (Qel::Exception::YError& e) {
     // Name the paths as the user knows them.
     Qel::YString named;
@@ -182,8 +179,7 @@ Qel::JSON::YObject YMenuProvider::RunCommand(const Qel::YString& path, uint64_t 
 }
 
 void YMenuProvider::LeaveShare(const Qel::YString& sharePath) const {
-  Qel::YString root = state_.GetRootFolder();
-  while (root.size() > 1 && root.EndsWith("/")) root.pop_back();
+  const Qel::YString root = state_.GetRootFolder();
   if (!root.empty() && sharePath == root) {
     QEL_RAISE(kLogOva, kNotAShare, sharePath + " is the account's own root folder, not a joined share", kFile,
               "LeaveShare");

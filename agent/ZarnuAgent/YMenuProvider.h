@@ -49,7 +49,7 @@ class YMenuProvider {
   [[noreturn]] void LeaveShare(const Qel::YString& sharePath) const;
 
  private:
-  // The root folder without a trailing "/"; raises `code` naming `path` when
+  // The root folder; raises `code` naming `path` when
   // the agent is not linked or `path` is outside it.
   Qel::YString RootFor(const Qel::YString& path, unsigned int code) const;
 

@@ -8,16 +8,8 @@ import sys
 import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
-from agent_support import CloudProcess, add_user, bin_dir  # noqa: E402
-from sync_support import PASSWORD, USER, SyncedAgent, cloud_tree, eventually, write  # noqa: E402,F401
-
-
-@pytest.fixture
-def cloud(tmp_path):
-    proc = CloudProcess(tmp_path / "cloud").start()
-    add_user(proc.data_dir, USER, PASSWORD)
-    yield proc
-    proc.stop()
+from agent_support import bin_dir  # noqa: E402
+from sync_support import SyncedAgent, client, cloud, cloud_tree, eventually, write  # noqa: E402,F401
 
 
 @pytest.fixture

@@ -17,12 +17,9 @@ def error_of(conn, method, **params):
 
 
 @pytest.fixture
-def synced(agent, cloud):
+def synced(agent, client):
     write(agent.root / "shared.txt", b"bytes anyone with the link may fetch")
-    client = cloud.client()
-    client.login("alice", "correct horse")
     eventually(lambda: "shared.txt" in cloud_tree(client), what="the file to reach the cloud")
-    client.close()
     return agent.root / "shared.txt"
 
 

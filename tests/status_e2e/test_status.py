@@ -23,13 +23,11 @@ def settled(client, *names):
     eventually(lambda: all(n in cloud_tree(client) for n in names), what=f"{names} to reach the cloud")
 
 
-def test_rows_for_files_folders_patterns_and_missing_paths(agent, cloud, zarnucmd):
+def test_rows_for_files_folders_patterns_and_missing_paths(agent, client, zarnucmd):
     write(agent.root / "notes.txt", b"notes")
     write(agent.root / "docs" / "a.txt", b"a")
     write(agent.root / "docs" / "longer-name.md", b"md")
     write(agent.root / "back\\slash.txt", b"the cloud cannot hold this name")
-    client = cloud.client()
-    client.login("alice", "correct horse")
     settled(client, "notes.txt", "docs/a.txt", "docs/longer-name.md")
     root = str(agent.root)
 

@@ -6,25 +6,8 @@ import sys
 import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
-from agent_support import CloudProcess, add_user  # noqa: E402
-from sync_support import (PASSWORD, USER, SyncedAgent, cloud_tree, eventually, local_tree,  # noqa: E402,F401
-                          write)
-
-
-@pytest.fixture
-def cloud(tmp_path):
-    proc = CloudProcess(tmp_path / "cloud").start()
-    add_user(proc.data_dir, USER, PASSWORD)
-    yield proc
-    proc.stop()
-
-
-@pytest.fixture
-def client(cloud):
-    c = cloud.client()
-    c.login(USER, PASSWORD)
-    yield c
-    c.close()
+from sync_support import (PASSWORD, USER, SyncedAgent, client, cloud, cloud_tree, eventually,  # noqa: E402,F401
+                          local_tree, write)
 
 
 @pytest.fixture

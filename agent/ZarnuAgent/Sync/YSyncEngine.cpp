@@ -8,11 +8,11 @@
 
 #include "AgentConstants.h"
 #include "CloudSync/Paths.h"
-#include "CloudSync/YConfigDb.h"
 #include "Qel/Exception/YError.h"
 #include "Qel/File/File.h"
 #include "Qel/Log/YLog.h"
 #include "Sync/YLocalScanner.h"
+#include "YCloudConnection.h"
 
 namespace Agent::Sync {
 
@@ -79,7 +79,6 @@ YSyncEngine::Link YSyncEngine::ReadLink() {
   link.token = state_.GetToken();
   link.user = state_.GetUser();
   link.root = state_.GetRootFolder();
-  while (link.root.size() > 1 && link.root.EndsWith("/")) link.root.pop_back();
   link.address = state_.GetOption("csmCloudAddress", CloudSync::GetDefaultCloudAddress());
   return link;
 }
@@ -94,13 +93,7 @@ YSyncEngine::ClientSetup YSyncEngine::ReadClientSetup() {
 }
 
 std::unique_ptr<CloudSync::YCloudApi> YSyncEngine::Connect(const Link& link, const ClientSetup& setup) {
-  auto api = std::make_unique<CloudSync::YCloudApi>(kAgentName, link.address);
-  CloudSync::YConfigDb db(setup.configDb);
-  db.Initialize();
-  api->ApplyConfig(db);  // time-outs, TLS trust
-  api->SetBandwidthLimits(setup.upLimit, setup.downLimit);
-  api->Login(link.token);
-  return api;
+  return ConnectToCloud(link.address, link.token, setup.configDb, setup.upLimit, setup.downLimit);
 }
 
 void YSyncEngine::MakeConnections() {

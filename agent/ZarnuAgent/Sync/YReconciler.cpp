@@ -113,6 +113,17 @@ void YReconciler::Fail(const Item& item, const Qel::YString& reason) {
   if (first) Log().Write(kLogExc, "Sync of " + Absolute(item.path) + " failed: " + reason);
 }
 
+CloudSync::TransferProgressFn YReconciler::ShowProgress(const Qel::YString& path) {
+  // The status moves on only when the transfer reaches the next 20 % step.
+  return [this, path, shown = int32_t{0}](const CloudSync::TransferProgress& p) mutable {
+    const int32_t step = ProgressStep(p.done, p.total);
+    if (step != shown && step < kProgressSteps) {
+      shown = step;
+      SetStatus(path, kStatusSyncing, step);
+    }
+  };
+}
+
 bool YReconciler::StillAsSeen(const Item& item) const {
   const std::optional<LocalItem> now = StatLocal(Absolute(item.path));
   if (!item.local) return !now.has_value();
@@ -324,18 +335,8 @@ bool YReconciler::SameContent(const Item& item) {
 void YReconciler::Upload(const Item& item) {
   const Qel::YString absolute = Absolute(item.path);
   CloudSync::YPartUploader uploader(ctx_.senders);
-  int32_t shown = 0;
   struct stat st {};
-  const CloudSync::PartList parts = uploader.Upload(
-      absolute,
-      [&](const CloudSync::TransferProgress& p) {
-        const int32_t step = ProgressStep(p.done, p.total);
-        if (step != shown && step < kProgressSteps) {
-          shown = step;
-          SetStatus(item.path, kStatusSyncing, step);
-        }
-      },
-      ctx_.stopping, &st);
+  const CloudSync::PartList parts = uploader.Upload(absolute, ShowProgress(item.path), ctx_.stopping, &st);
   const uint64_t ifVersion = item.remote ? item.remote->id : 0;
   const CloudSync::MetadataPtr entry =
       ctx_.api->CreateFileIf(ToCloudPath(item.path), parts, static_cast<int64_t>(st.st_mtim.tv_sec), ifVersion);
@@ -420,18 +421,8 @@ void YReconciler::Download(const Item& item) {
     offset += part.size;
     entry.parts.push_back(p);
   }
-  int32_t shown = 0;
   CloudSync::YPartDownloader downloader(ctx_.receivers);
-  downloader.Download(
-      entry, fd,
-      [&](const CloudSync::TransferProgress& p) {
-        const int32_t step = ProgressStep(p.done, p.total);
-        if (step != shown && step < kProgressSteps) {
-          shown = step;
-          SetStatus(item.path, kStatusSyncing, step);
-        }
-      },
-      ctx_.stopping);
+  downloader.Download(entry, fd, ShowProgress(item.path), ctx_.stopping);
   const timespec times[2] = {{0, UTIME_OMIT}, {static_cast<time_t>(remote.modified), 0}};
   ::futimens(fd, times);
   if (::fsync(fd) != 0) QEL_RAISE_OS(kLogExc, errno, temp, "agent/ZarnuAgent/Sync/YReconciler", "Download");

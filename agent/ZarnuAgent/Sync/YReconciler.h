@@ -26,6 +26,7 @@
 #include <set>
 #include <vector>
 
+#include "CloudSync/Transfer/TransferProgress.h"
 #include "CloudSync/YCloudApi.h"
 #include "Sync/SyncTypes.h"
 #include "Sync/YLocalScanner.h"
@@ -115,6 +116,8 @@ class YReconciler {
   void SetStatus(const Qel::YString& path, int32_t status, int32_t progress = 0);
   void Fail(const Item& item, const Qel::YString& reason);
   bool StillAsSeen(const Item& item) const;
+  // A transfer's progress as Syncing statuses of `path`, in 20 % steps.
+  CloudSync::TransferProgressFn ShowProgress(const Qel::YString& path);
 
   SyncContext& ctx_;
   std::map<Qel::YString, PathError>& errors_;

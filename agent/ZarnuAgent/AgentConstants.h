@@ -39,6 +39,7 @@ inline constexpr const char* kSocketFile = "zarnuagent-overlay.socket";
 inline constexpr const char* kLogFile = "agent.log";
 inline constexpr const char* kLockFile = "agent.lock";
 inline constexpr const char* kCrashFolder = "crashes";
+inline constexpr const char* kDeviceIdFile = "device.id";
 
 // The configuration option that keeps the enabled log types across restarts
 // (comma-separated names).

@@ -10,6 +10,7 @@
 #include <cstdio>
 
 #include "AgentConstants.h"
+#include "YDeviceId.h"
 #include "Qel/Exception/YError.h"
 #include "Qel/File/File.h"
 #include "Qel/Log/YLog.h"
@@ -158,6 +159,26 @@ void YAgent::OnAccept(std::shared_ptr<Qel::IO::YIoBase> io, bool remote) {
   session->Allocate(io);
 }
 
+void YAgent::StartPeerDiscovery() {
+  CloudSync::YPeerRegistrar::Options options;
+  options.advertise = true;
+  char host[256] = {};
+  if (::gethostname(host, sizeof(host) - 1) != 0) std::snprintf(host, sizeof(host), "unknown");
+  CloudSync::PeerInfo self;
+  self.deviceId = LoadDeviceId(data_folder_);
+  self.host = host;
+  self.version = kVersion;
+  YAgentState* state = state_.get();
+  options.describeSelf = [state, self] {
+    CloudSync::PeerInfo now = self;
+    now.user = state->GetUser();  // a link made while the agent runs shows at once
+    return now;
+  };
+  peers_ = std::make_unique<CloudSync::YPeerRegistrar>(std::move(options));
+  peers_->Initialize();
+  for (const Qel::YString& problem : peers_->GetProblems()) Log().Write(kLogApp, "Peer discovery: " + problem);
+}
+
 int YAgent::Run() {
   Qel::File::CreatePath(data_folder_, true);
   ::chmod(data_folder_.c_str(), kFolderMode);
@@ -195,6 +216,7 @@ int YAgent::Run() {
   engine_ = std::make_unique<Sync::YSyncEngine>(*state_);
   state_->SetResyncHandler([this](bool fromScratch) { engine_->RequestResync(fromScratch); });
   engine_->Start();
+  StartPeerDiscovery();
 
   sigset_t stop;
   sigemptyset(&stop);
@@ -206,6 +228,7 @@ int YAgent::Run() {
   }
   log.Write(kLogApp, "Stopping on signal " + std::to_string(signal_number));
 
+  peers_->Stop();  // says goodbye, so scanning peers drop this agent at once
   state_->SetResyncHandler(nullptr);
   engine_->Stop();
   unix_listener_->Close();

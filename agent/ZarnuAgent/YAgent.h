@@ -6,7 +6,8 @@
 // the account's token, prints "listening on <socket>" (and a second line
 // "listening on HOST:PORT" for the TCP listener) and waits for SIGTERM,
 // SIGINT or SIGHUP. The sync engine runs beside it from the start (it waits
-// for a link by itself). On a stop signal it closes the listeners and sessions, removes the
+// for a link by itself), and so does peer discovery: the agent answers
+// engines that ask who is there and announces itself (docs/peer-discovery.md). On a stop signal it closes the listeners and sessions, removes the
 // socket and returns 0.
 //
 // REQUIRES: the stop signals are blocked in every thread (main() blocks them
@@ -17,6 +18,7 @@
 #include <memory>
 #include <mutex>
 
+#include "CloudSync/Peer/YPeerRegistrar.h"
 #include "Qel/IO/YIo.h"
 #include "Qel/IO/YService.h"
 #include "Qel/IO/YSession.h"
@@ -37,6 +39,7 @@ class YAgent {
 
  private:
   void TakeLock();
+  void StartPeerDiscovery();
   void OnAccept(std::shared_ptr<Qel::IO::YIoBase> io, bool remote);
   uint64_t CountOpenSessions();
   // Drops ended sessions (and their path subscriptions). REQUIRES: sessions_mutex_ held.
@@ -53,6 +56,7 @@ class YAgent {
   std::shared_ptr<Qel::IO::YListener> unix_listener_;
   std::shared_ptr<Qel::IO::YListener> tcp_listener_;
   std::unique_ptr<Sync::YSyncEngine> engine_;
+  std::unique_ptr<CloudSync::YPeerRegistrar> peers_;  // answers and announces while the agent runs
   std::mutex sessions_mutex_;
   uint64_t next_client_id_ = 0;                                      // guarded by sessions_mutex_
   std::map<uint64_t, std::weak_ptr<Qel::IO::YSession>> sessions_;  // guarded by sessions_mutex_

@@ -1,6 +1,10 @@
 #include "Qel/Application/YConsoleMain.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <iostream>
 #include <thread>
@@ -212,26 +216,47 @@ unsigned int YConsoleMain::Main() {
   return exit_code;
 }
 
-void YConsoleMain::StartConsoleReader() {
+void YConsoleMain::StartConsoleReader(InputUnit unit) {
   std::lock_guard<std::mutex> lock(input_->mutex);
   if (input_->started) return;
   input_->started = true;
-  std::thread([queue = input_] {
-    std::string line;
-    while (std::getline(std::cin, line)) {
+  std::thread([queue = input_, unit] {
+    auto push = [&queue](YString entry) {
       std::lock_guard<std::mutex> l(queue->mutex);
-      queue->lines.emplace_back(line);
+      queue->lines.push_back(std::move(entry));
+      queue->changed.notify_all();
+    };
+    if (unit == InputUnit::kKeys) {
+      char keys[64];
+      ssize_t got = 0;
+      while ((got = ::read(STDIN_FILENO, keys, sizeof(keys))) > 0 || (got < 0 && errno == EINTR)) {
+        if (got > 0) push(YString(keys, static_cast<size_t>(got)));
+      }
+    } else {
+      std::string line;
+      while (std::getline(std::cin, line)) push(YString(line));
     }
-    // End of input counts as a line too, so a watch loop started with a
+    // End of input counts as an entry too, so a watch loop started with a
     // closed standard input still ends when asked.
-    std::lock_guard<std::mutex> l(queue->mutex);
-    queue->lines.emplace_back(YString());
+    push(YString());
   }).detach();
 }
 
 bool YConsoleMain::HasConsoleInput() const {
   std::lock_guard<std::mutex> lock(input_->mutex);
   return !input_->lines.empty();
+}
+
+bool YConsoleMain::WaitForConsoleInput(unsigned int milliseconds) const {
+  std::unique_lock<std::mutex> lock(input_->mutex);
+  return input_->changed.wait_for(lock, std::chrono::milliseconds(milliseconds),
+                                  [this] { return !input_->lines.empty(); });
+}
+
+void YConsoleMain::ClearConsoleInput() const {
+  std::lock_guard<std::mutex> lock(input_->mutex);
+  input_->lines.clear();
+  input_->changed.notify_all();
 }
 
 // ------------------------------------------------------------ YVerbModuleBase

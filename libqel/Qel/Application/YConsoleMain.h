@@ -20,6 +20,7 @@
 // main thread, except the console input queue, which is guarded by its mutex.
 #pragma once
 
+#include <condition_variable>
 #include <deque>
 #include <map>
 #include <memory>
@@ -60,16 +61,26 @@ class YConsoleMain : public YMain {
   // The words after the verb, as given (empty before Main selects a verb).
   const std::vector<YString>& GetVerbWords() const { return verb_words_; }
 
-  // Console input: StartConsoleReader starts (once) a thread that reads lines
-  // from standard input into the queue; watch loops poll HasConsoleInput.
-  void StartConsoleReader();
+  // Console input: StartConsoleReader starts (once) a thread that reads
+  // standard input into the queue, one entry per line, or with kKeys one
+  // entry per key press (what a terminal in YKeyPressMode delivers; from a
+  // pipe that is whatever one read returns, so callers that want lines from
+  // pipes use kLines there). End of input adds one empty entry. Watch loops
+  // poll HasConsoleInput or block in WaitForConsoleInput.
+  enum class InputUnit { kLines, kKeys };
+  void StartConsoleReader(InputUnit unit = InputUnit::kLines);
   bool HasConsoleInput() const;
+  // Waits up to `milliseconds` for an entry; true when one is queued.
+  bool WaitForConsoleInput(unsigned int milliseconds) const;
+  // Empties the queue and wakes the threads waiting on it.
+  void ClearConsoleInput() const;
   std::mutex& GetInputMutex() const { return input_->mutex; }
   std::deque<YString>& GetInputQueue() const { return input_->lines; }
 
  private:
   struct InputQueue {
     std::mutex mutex;
+    std::condition_variable changed;
     std::deque<YString> lines;
     bool started = false;
   };

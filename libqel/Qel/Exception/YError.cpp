@@ -28,6 +28,10 @@ const char* GenericText(unsigned int code) {
     case 47: return "A required argument is missing";
     case 55: return "Invalid or unknown value";
     case 56: return "A JSON field is missing or of the wrong kind";
+    case 57: return "The module library could not be loaded";
+    case 58: return "The module library has no instance entry point";
+    case 59: return "The module could not make or start the instance";
+    case 60: return "The handle does not name a live object";
     case 65: return "Termination was requested";
     case 88: return "No session with the agent";
     case 118: return "The text is not a number";

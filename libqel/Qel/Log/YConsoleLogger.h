@@ -86,6 +86,8 @@ class YConsoleLogger {
   YConsoleLogger& operator<<(Fill f);
   YConsoleLogger& operator<<(Indent i);
 
+  size_t GetIndent() const { return indent_; }
+
   // Ends an unfinished line that a carriage return left open (call at exit).
   void Finish();
   // Hands the lines written so far to the output now (a pipe buffers them

@@ -1,4 +1,5 @@
-// Peer verb "send": Sends a file to a peer
+// Peer verb "send": Sends a file to a peer. For now it only checks its
+// command line ("local path" and "peer name") and returns.
 #pragma once
 
 #include "Qel/Application/YConsoleMain.h"
@@ -11,9 +12,6 @@ class YSendVerb : public Qel::Application::YConsoleMain::YVerbBase {
  public:
   YSendVerb(Qel::Application::YConsoleMain* app, YPeerVerbModule* module);
   void Execute(unsigned int& exitCode) override;
-
- private:
-  YPeerVerbModule* module_;
 };
 
 }  // namespace Peer

@@ -40,9 +40,13 @@ def agent_env(data_dir, home):
 class AgentProcess:
     """One running ZarnuAgent; `lines` holds its "listening on" addresses."""
 
-    def __init__(self, data_dir, home, *switches):
+    def __init__(self, data_dir, home, *switches, prefix=(), env=None):
+        """`prefix` runs the agent under another command (`ip netns exec NS`), which
+        must exec it so that the process id stays the agent's; `env` adds variables."""
+        self.prefix = tuple(prefix)
         self.data_dir = pathlib.Path(data_dir)
         self.env = agent_env(data_dir, home)
+        self.env.update(env or {})
         self.switches = switches
         self.proc = None
         self.lines = []
@@ -52,7 +56,7 @@ class AgentProcess:
         return self.data_dir / "zarnuagent-overlay.socket"
 
     def start(self, expected_lines=1):
-        self.proc = subprocess.Popen([str(bin_dir() / "ZarnuAgent"), *self.switches], env=self.env,
+        self.proc = subprocess.Popen([*self.prefix, str(bin_dir() / "ZarnuAgent"), *self.switches], env=self.env,
                                      stdout=subprocess.PIPE, stderr=subprocess.PIPE, stdin=subprocess.DEVNULL)
         sel = selectors.DefaultSelector()
         sel.register(self.proc.stdout, selectors.EVENT_READ)

@@ -4,6 +4,7 @@
 #include <poll.h>
 
 #include <array>
+#include <cstdlib>
 #include <random>
 
 #include "Qel/Log/YLog.h"
@@ -66,6 +67,10 @@ void YPeerRegistrar::Initialize() {
     if (initialized_ || stopped_) return;
     initialized_ = true;
   }
+  if (const char* setting = std::getenv(kSwitchVariable); setting != nullptr && std::string(setting) == "off") {
+    NoteProblem(std::string("switched off by ") + kSwitchVariable + "=off");
+    return;  // no socket, no thread: RequestBroadcast sends nothing
+  }
   const Qel::YString port = std::to_string(options_.port);
   std::string v4 = listen_v4_.Open(AF_INET, options_.port, true);
   if (!v4.empty()) {
@@ -84,6 +89,8 @@ void YPeerRegistrar::Initialize() {
   notifier_ = std::make_unique<Qel::Thread::YThread>("peer notifier", [this] { NotifierBody(); });
   notifier_->Start();
   receiver_->Start();
+  std::lock_guard<std::mutex> lock(mutex_);
+  running_ = true;
 }
 
 void YPeerRegistrar::Stop() {
@@ -94,6 +101,7 @@ void YPeerRegistrar::Stop() {
     changed_cv_.notify_all();  // under the lock: the notifier cannot miss it
     if (!initialized_) return;
   }
+  if (!receiver_) return;  // switched off: nothing was started
   if (options_.advertise) Broadcast(EncodeSelf(PeerPacketKind::kGoodbye));
   receiver_->RequestTermination();
   receiver_->Join();
@@ -113,7 +121,7 @@ void YPeerRegistrar::RequestBroadcast(PEER_COMMAND command) {
   if (command != PEER_COMMAND_QUERY) return;
   {
     std::lock_guard<std::mutex> lock(mutex_);
-    if (!initialized_ || stopped_) return;
+    if (!running_ || stopped_) return;
     last_query_ = Clock::now();
   }
   Broadcast(EncodeSelf(PeerPacketKind::kQuery));

@@ -16,7 +16,8 @@
 // peers. Senders are rate-limited (YSenderLimiter) and the table is capped at
 // kMaxPeers, both said once in the log.
 //
-// Thread-safety: every operation may be called from any thread. Slots run on
+// Thread-safety: every operation may be called from any thread, except that
+// Initialize and Stop must not run at the same time. Slots run on
 // the notifier thread; Stop() waits for a running slot, so a slot must not
 // call Stop.
 #pragma once
@@ -50,6 +51,9 @@ class YPeerRegistrar {
  public:
   using Clock = std::chrono::steady_clock;
   static constexpr size_t kMaxPeers = 256;
+  // "off" in this environment variable keeps the registrar off the network
+  // (test suites that are not about peers set it).
+  static constexpr const char* kSwitchVariable = "ZARNU_PEER_DISCOVERY";
   static constexpr std::chrono::seconds kAnnounceInterval{10};
   static constexpr std::chrono::milliseconds kAnswerSilence{3500};
   static constexpr std::chrono::seconds kAnnounceSilence{3 * 10 + 2};
@@ -110,6 +114,7 @@ class YPeerRegistrar {
 
   mutable std::mutex mutex_;  // guards everything below
   bool initialized_ = false;
+  bool running_ = false;  // the sockets are open and the threads run
   bool stopped_ = false;
   YPeerTable table_;
   bool table_full_said_ = false;

@@ -36,7 +36,10 @@ def add_user(data_dir, name, password):
 class CloudProcess:
     """One running `zarnu-cloud serve`."""
 
-    def __init__(self, data_dir, *options):
+    def __init__(self, data_dir, *options, prefix=()):
+        """`prefix` runs the service under another command (`ip netns exec NS`), which
+        must exec it so that the process id stays the service's."""
+        self.prefix = tuple(prefix)
         self.data_dir = pathlib.Path(data_dir)
         self.data_dir.mkdir(parents=True, exist_ok=True)
         self.options = options or ("--listen", "127.0.0.1:0", "--http")
@@ -48,7 +51,7 @@ class CloudProcess:
         if not CLOUD.exists():
             pytest.fail(f"{CLOUD} does not exist: build zarnu-cloud or set ZARNU_BIN_DIR", pytrace=False)
         log = open(self.log_path, "ab")
-        self.proc = subprocess.Popen([str(CLOUD), "serve", "--data", str(self.data_dir), *self.options],
+        self.proc = subprocess.Popen([*self.prefix, str(CLOUD), "serve", "--data", str(self.data_dir), *self.options],
                                      stdout=subprocess.PIPE, stderr=log, stdin=subprocess.DEVNULL)
         log.close()
         self.url = self._read_listening_line()

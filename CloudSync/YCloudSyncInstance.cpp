@@ -1,6 +1,7 @@
 #include "CloudSync/YCloudSyncInstance.h"
 
 #include <cstring>
+#include <memory>
 
 namespace CloudSync {
 
@@ -25,6 +26,6 @@ extern "C" __attribute__((visibility("default"))) int qel_module_create_instance
   if (out == nullptr || className == nullptr) return Qel::Module::kInvalidArgument;
   *out = nullptr;
   if (std::strcmp(className, CloudSync::YCloudSyncInstance::kClassName) != 0) return Qel::Module::kModuleRefused;
-  *out = new CloudSync::YCloudSyncInstance(instanceName ? instanceName : "");
+  *out = std::make_unique<CloudSync::YCloudSyncInstance>(instanceName ? instanceName : "").release();  // the runtime owns it now
   return 0;
 }

@@ -112,6 +112,10 @@ echo "(a download never overwrites a local file:)"
 z Cloud get /docs/hello.txt "$scratch/hello-copy.txt" "${login[@]}"
 z Cloud ls /nothing-here "${login[@]}"
 echo
+echo "(the agents on this network, the demo's own among them; a line typed after two seconds ends the scan:)"
+echo "\$ zarnucmd Peer list"
+(sleep 2; echo) | "$bin/zarnucmd" Peer list || echo "(exit status $?)"
+echo
 echo "Demo finished; the agent and the cloud service are stopped. Try your own commands with:"
 echo "  ZARNU_DATA=$ZARNU_DATA $bin/ZarnuAgent &"
 echo "  ZARNU_DATA=$ZARNU_DATA $bin/zarnucmd -help"

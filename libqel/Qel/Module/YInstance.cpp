@@ -173,41 +173,37 @@ Qel::Module::YInstance* qel_instance_get(QELINS handle) { return Lookup(IdOf(han
 
 const char* qel_instance_last_error() { return t_last_error.c_str(); }
 
-int qel_handle_refcount(unsigned int type, void* handle, unsigned int* count) {
+namespace {
+
+// Runs `change` on the table entry of `handle` under the table's lock; the
+// common checks of the qel_handle_* calls. Returns 0 or their code.
+template <typename Change>
+int WithEntry(unsigned int type, void* handle, Change change) {
   t_last_error.clear();
-  if (type != Qel::Module::kHandleInstance || count == nullptr) {
+  if (type != Qel::Module::kHandleInstance) {
     return Fail(Qel::Module::kInvalidArgument, "unknown handle type " + std::to_string(type));
   }
   std::lock_guard<std::mutex> lock(TableMutex());
   auto it = Table().find(IdOf(handle));
   if (it == Table().end()) return Fail(Qel::Module::kInvalidHandle, "no live instance behind the handle");
-  *count = it->second.references;
+  change(it->second);
   return 0;
+}
+
+}  // namespace
+
+int qel_handle_refcount(unsigned int type, void* handle, unsigned int* count) {
+  if (count == nullptr) return Fail(Qel::Module::kInvalidArgument, "no place for the count");
+  return WithEntry(type, handle, [count](Entry& entry) { *count = entry.references; });
 }
 
 int qel_handle_addref(unsigned int type, void* handle) {
-  t_last_error.clear();
-  if (type != Qel::Module::kHandleInstance) {
-    return Fail(Qel::Module::kInvalidArgument, "unknown handle type " + std::to_string(type));
-  }
-  std::lock_guard<std::mutex> lock(TableMutex());
-  auto it = Table().find(IdOf(handle));
-  if (it == Table().end()) return Fail(Qel::Module::kInvalidHandle, "no live instance behind the handle");
-  ++it->second.references;
-  return 0;
+  return WithEntry(type, handle, [](Entry& entry) { ++entry.references; });
 }
 
 int qel_handle_release(unsigned int type, void* handle) {
-  t_last_error.clear();
-  if (type != Qel::Module::kHandleInstance) {
-    return Fail(Qel::Module::kInvalidArgument, "unknown handle type " + std::to_string(type));
-  }
-  {
-    std::lock_guard<std::mutex> lock(TableMutex());
-    auto it = Table().find(IdOf(handle));
-    if (it == Table().end()) return Fail(Qel::Module::kInvalidHandle, "no live instance behind the handle");
-    if (--it->second.references > 0) return 0;
-  }
+  bool last = false;
+  const int code = WithEntry(type, handle, [&last](Entry& entry) { last = --entry.references == 0; });
   // The last reference went without the release rule: nothing may leak.
-  return qel_instance_destroy(static_cast<QELINS>(handle));
+  return code == 0 && last ? qel_instance_destroy(static_cast<QELINS>(handle)) : code;
 }

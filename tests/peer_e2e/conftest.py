@@ -7,6 +7,7 @@ Namespaces are deleted when the test ends, which takes the veth pair with them."
 import os
 import pathlib
 import queue
+import select
 import shutil
 import subprocess
 import sys
@@ -88,10 +89,10 @@ class PeerScan:
     """`zarnucmd Peer list` in a namespace. Every complete update is put on `updates`
     as (seconds since start, list of peer lines)."""
 
-    def __init__(self, lan, side, tmp_path, stdin=subprocess.PIPE, stdout=subprocess.PIPE):
+    def __init__(self, prefix, tmp_path, stdin=subprocess.PIPE, stdout=subprocess.PIPE):
         self.started = time.monotonic()
-        self.proc = subprocess.Popen([*lan.run_in(side), str(bin_dir() / "zarnucmd"), "Peer", "list"],
-                                     env=env_for(tmp_path, "scan-" + side), stdin=stdin, stdout=stdout,
+        self.proc = subprocess.Popen([*prefix, str(bin_dir() / "zarnucmd"), "Peer", "list"],
+                                     env=env_for(tmp_path, "scan"), stdin=stdin, stdout=stdout,
                                      stderr=subprocess.PIPE, text=True)
         self.lines = []
         self.updates = queue.Queue()
@@ -128,6 +129,12 @@ class PeerScan:
             if check(peers):
                 return at, peers
 
+    def error_line(self, timeout=10):
+        """The next line on standard error, waiting at most `timeout` seconds."""
+        ready, _, _ = select.select([self.proc.stderr], [], [], timeout)
+        assert ready, f"nothing on standard error within {timeout} s"
+        return self.proc.stderr.readline().rstrip("\n")
+
     def stop(self):
         """Ends the scan with a line, as a user at a pipe would; returns (status, stderr)."""
         try:
@@ -154,8 +161,8 @@ def scan(lan, tmp_path):
     """Starts scans; whatever is still running at the end is killed by process id."""
     started = []
 
-    def start(side="b", **kwargs):
-        s = PeerScan(lan, side, tmp_path, **kwargs)
+    def start(side="b", prefix=None, **kwargs):
+        s = PeerScan(prefix or lan.run_in(side), tmp_path, **kwargs)
         started.append(s)
         return s
     yield start

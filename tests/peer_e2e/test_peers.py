@@ -73,6 +73,40 @@ for _ in range(2):
     assert watcher.lines == [BANNER]
 
 
+def test_what_limits_discovery_is_said_and_the_scan_still_works(lan, scan, agent_in):
+    # Another program holds the discovery port: announcements cannot be heard, but
+    # answers come back to the scan's own port, so the agent is still found.
+    holder = subprocess.Popen([*lan.run_in("b"), "python3", "-c", f"""
+import socket
+s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+s.bind(("0.0.0.0", {PEER_PORT}))
+print("held", flush=True)
+input()
+"""], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+    try:
+        assert holder.stdout.readline().strip() == "held"
+        agent_in("a")
+        watcher = scan("b")
+        assert watcher.error_line().startswith(f"zarnucmd: peer discovery: UDP port {PEER_PORT} is not free")
+        watcher.wait_for(shows_agent(ADDRESS["a"]), ARRIVAL, "the agent, through answers")
+        assert watcher.stop()[0] == 0
+    finally:
+        holder.kill()
+        holder.wait()
+
+    # A machine with no interface but loopback: said once, and a line still ends the scan.
+    lonely = lan.ns["b"] + "x"
+    subprocess.run(["ip", "netns", "add", lonely], check=True)
+    try:
+        watcher = scan(prefix=["ip", "netns", "exec", lonely])
+        assert watcher.error_line() == ("zarnucmd: peer discovery: no network interface other than loopback is up: "
+                                        "no peer can be found until one is")
+        code, errors = watcher.stop()
+        assert (code, errors, watcher.lines) == (0, "", [BANNER])
+    finally:
+        subprocess.run(["ip", "netns", "del", lonely])
+
+
 def test_a_linked_agent_shows_its_user(lan, scan, tmp_path):
     cloud = CloudProcess(tmp_path / "cloud", prefix=lan.run_in("a")).start()
     try:

@@ -57,7 +57,9 @@ TEST(PeerPacket, EveryKindSurvivesTheRoundTrip) {
       EXPECT_EQ(back->self.user, "alice@example.com");
       EXPECT_EQ(back->self.version, "1.34.0508");
     }
-    if (kind != PeerPacketKind::kQuery) EXPECT_EQ(back->self.deviceId, self.deviceId);
+    if (kind != PeerPacketKind::kQuery) {
+      EXPECT_EQ(back->self.deviceId, self.deviceId);
+    }
     EXPECT_TRUE(back->self.address.empty()) << "the address is where a packet came from, never what it says";
   }
 }

@@ -200,6 +200,8 @@ void YCloudMountEngine::Start(const Qel::YString& options) {
   }
   api_ = std::make_unique<CloudSync::YCloudApi>(kAgentName, address);
   api_->Login(token);
+  ahead_api_ = std::make_unique<CloudSync::YCloudApi>(kAgentName, address);
+  ahead_api_->Login(token);
   cache_ = std::make_unique<YPartCache>(OptionNumber(options, "cacheBytes", kDefaultCacheBytes));
   folders_ = std::make_unique<YFolderCache>([this](const Qel::YString& folder) { return FetchFolder(folder); });
   throughput_.Start();
@@ -268,12 +270,22 @@ void YCloudMountEngine::Mount(const Qel::YString& cloudPath, const Qel::YString&
   struct fuse* session = fuse_;
   worker_ = std::make_unique<Qel::Thread::YThread>("cloud mount", [session] { fuse_loop(session); });
   worker_->Start();
+  ahead_ = std::make_unique<Qel::Thread::YThread>("cloud mount read-ahead", [this] { ReadAheadBody(); });
+  ahead_->Start();
 }
 
 bool YCloudMountEngine::IsActive() const { return worker_ && worker_->IsRunning(); }
 
 void YCloudMountEngine::Stop() {
   std::lock_guard<std::mutex> lock(stop_mutex_);
+  if (ahead_) {
+    ahead_->RequestTermination();
+    {
+      std::lock_guard<std::mutex> ahead_lock(ahead_mutex_);
+      ahead_cv_.notify_all();
+    }
+    ahead_->Join();
+  }
   if (fuse_ == nullptr) return;
   if (!unmounted_) {
     unmounted_ = true;
@@ -329,6 +341,11 @@ int YCloudMountEngine::ListFolder(const char* path, YFolderCache::FolderPtr* fol
 }
 
 YPartCache::Bytes YCloudMountEngine::FetchPart(const CloudSync::MetadataInfo& file, const CloudSync::PartInfo& part) {
+  {
+    // A part on its way from the read-ahead thread is waited for, not fetched again.
+    std::unique_lock<std::mutex> lock(ahead_mutex_);
+    ahead_cv_.wait(lock, [&] { return in_flight_.count(part.fingerprint) == 0; });
+  }
   if (YPartCache::Bytes cached = cache_->Find(part.fingerprint)) return cached;
   auto wanted = std::make_shared<CloudSync::PartInfo>();
   wanted->fingerprint = part.fingerprint;
@@ -346,8 +363,59 @@ YPartCache::Bytes YCloudMountEngine::FetchPart(const CloudSync::MetadataInfo& fi
   return bytes;
 }
 
+void YCloudMountEngine::ReadAhead(const CloudSync::MetadataInfo& file, const CloudSync::PartInfo& part) {
+  if (cache_->Contains(part.fingerprint)) return;
+  std::lock_guard<std::mutex> lock(ahead_mutex_);
+  if (!in_flight_.insert(part.fingerprint).second) return;
+  CloudSync::PartInfo wanted;
+  wanted.fingerprint = part.fingerprint;
+  wanted.size = part.size;
+  wanted.offset = part.offset;
+  ahead_queue_.emplace_back(file.id, std::move(wanted));
+  ahead_cv_.notify_all();
+}
+
+void YCloudMountEngine::ReadAheadBody() {
+  for (;;) {
+    std::pair<uint64_t, CloudSync::PartInfo> job;
+    {
+      std::unique_lock<std::mutex> lock(ahead_mutex_);
+      ahead_cv_.wait(lock, [this] { return !ahead_queue_.empty() || ahead_->IsTerminationRequested(); });
+      if (ahead_->IsTerminationRequested()) {
+        ahead_queue_.clear();
+        in_flight_.clear();
+        ahead_cv_.notify_all();
+        return;
+      }
+      job = std::move(ahead_queue_.front());
+      ahead_queue_.pop_front();
+    }
+    const Qel::YString fingerprint = job.second.fingerprint;
+    try {
+      auto wanted = std::make_shared<CloudSync::PartInfo>();
+      wanted->fingerprint = fingerprint;
+      wanted->size = job.second.size;
+      wanted->offset = job.second.offset;
+      ahead_api_->GetParts(CloudSync::PartList{wanted}, job.first);  // checked against the fingerprint
+      if (wanted->data.GetSize() == job.second.size) {
+        throughput_.ReportData(job.second.size);
+        cache_->Put(fingerprint, std::make_shared<const std::string>(reinterpret_cast<const char*>(wanted->data.Get()),
+                                                                     job.second.size));
+      }
+    } catch (const Qel::Exception::YError& e) {
+      // The read that needs the part fetches it itself and reports the failure.
+      Log().Write(kLogMount, "Reading ahead part " + fingerprint + " failed: " + e.GetSummary());
+    }
+    std::lock_guard<std::mutex> lock(ahead_mutex_);
+    in_flight_.erase(fingerprint);
+    ahead_cv_.notify_all();
+  }
+}
+
 int YCloudMountEngine::Read(const CloudSync::MetadataInfo& file, char* buffer, size_t size, uint64_t offset) {
   if (offset >= file.size) return 0;
+  // Sequential: this read starts where the last one of the file ended.
+  const bool sequential = offset == 0 || read_ends_[file.id] == offset;
   const uint64_t end = std::min<uint64_t>(file.size, offset + size);
   uint64_t at = offset;
   for (const CloudSync::PartPtr& part : file.parts) {
@@ -367,6 +435,16 @@ int YCloudMountEngine::Read(const CloudSync::MetadataInfo& file, char* buffer, s
   if (at < end) {
     Log().Write(kLogMount, "The parts of " + file.path + " do not cover its size");
     return -EIO;
+  }
+  read_ends_[file.id] = at;
+  if (sequential) {
+    // The part after the one this read ended in.
+    for (const CloudSync::PartPtr& part : file.parts) {
+      if (part->offset >= at && part->offset > offset) {
+        ReadAhead(file, *part);
+        break;
+      }
+    }
   }
   return static_cast<int>(at - offset);
 }

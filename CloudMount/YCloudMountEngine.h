@@ -9,11 +9,17 @@
 // is refused with EROFS.
 //
 // The FUSE session runs single-threaded on the engine's worker thread, which
-// is the only user of the cloud client once mounted. Stop() unmounts and joins
+// is the only user of the cloud client once mounted. On sequential reads the
+// next part is read ahead by a second thread with a connection of its own; a
+// read that needs a part being read ahead waits for it rather than fetching
+// it twice. Stop() unmounts and joins
 // it; an unmount from outside (fusermount3 -u) ends it too.
 #pragma once
 
 #include <atomic>
+#include <condition_variable>
+#include <deque>
+#include <set>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -59,6 +65,9 @@ class YCloudMountEngine : public YCloudMountInstance {
   Qel::YString CloudPathOf(const char* path) const;
   YFolderCache::Folder FetchFolder(const Qel::YString& cloudFolder);
   YPartCache::Bytes FetchPart(const CloudSync::MetadataInfo& file, const CloudSync::PartInfo& part);
+  // Asks the read-ahead thread for `part` unless it is held or on its way.
+  void ReadAhead(const CloudSync::MetadataInfo& file, const CloudSync::PartInfo& part);
+  void ReadAheadBody();
 
   std::unique_ptr<CloudSync::YCloudApi> api_;
   std::unique_ptr<YPartCache> cache_;
@@ -68,6 +77,13 @@ class YCloudMountEngine : public YCloudMountInstance {
   Qel::YString local_path_;
   struct fuse* fuse_ = nullptr;
   std::unique_ptr<Qel::Thread::YThread> worker_;
+  std::unique_ptr<CloudSync::YCloudApi> ahead_api_;  // the read-ahead thread's own connection
+  std::unique_ptr<Qel::Thread::YThread> ahead_;
+  std::mutex ahead_mutex_;
+  std::condition_variable ahead_cv_;
+  std::deque<std::pair<uint64_t, CloudSync::PartInfo>> ahead_queue_;  // (file id, part); guarded by ahead_mutex_
+  std::set<Qel::YString> in_flight_;                                  // guarded by ahead_mutex_
+  std::map<uint64_t, uint64_t> read_ends_;  // file id -> end of its last read (worker thread only)
   std::mutex stop_mutex_;
   bool unmounted_ = false;  // guarded by stop_mutex_
   std::mutex open_mutex_;

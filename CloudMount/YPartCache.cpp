@@ -14,6 +14,11 @@ YPartCache::Bytes YPartCache::Find(const Qel::YString& fingerprint) {
   return it->second.bytes;
 }
 
+bool YPartCache::Contains(const Qel::YString& fingerprint) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return entries_.count(fingerprint) != 0;
+}
+
 void YPartCache::Put(const Qel::YString& fingerprint, Bytes bytes) {
   if (!bytes || bytes->size() > limit_) return;
   std::lock_guard<std::mutex> lock(mutex_);

@@ -26,6 +26,8 @@ class YPartCache {
 
   // The bytes of `fingerprint`, or null (a miss).
   Bytes Find(const Qel::YString& fingerprint);
+  // Whether `fingerprint` is held, without counting a hit or a miss.
+  bool Contains(const Qel::YString& fingerprint) const;
   // Keeps `bytes` as the most recently used; evicts the least recently used
   // parts while more than the limit is held (a part larger than the limit is
   // not kept).

@@ -90,12 +90,14 @@ def test_statistics_show_misses_then_hits(tree, mount):
     run = mount("/docs").mounted()
     run.wait_for(lambda text: last_status(text) == (0, 0, 0, "0 B"), what="an empty cache")
     (run.mount_point / "exact.bin").read_bytes()
-    run.wait_for(lambda text: (last_status(text) or (0, 0))[1] == 2 and last_status(text)[2] == 2,
-                 what="two misses, two parts held")
+    # The first part is a miss; the second is read ahead, so it may be found there.
+    run.wait_for(lambda text: (last_status(text) or (0, 0, 0))[2] == 2 and last_status(text)[1] >= 1,
+                 what="both parts held after misses")
+    _, misses, _, _ = last_status(run.output.decode())
     hits_before = last_status(run.output.decode())[0]
     (run.mount_point / "exact.bin").read_bytes()  # a second open reads the same parts again
-    run.wait_for(lambda text: last_status(text)[0] > hits_before and last_status(text)[1] == 2,
-                 what="hits without new misses")
+    run.wait_for(lambda text: last_status(text)[0] > hits_before, what="hits")
+    assert last_status(run.output.decode())[1] == misses, "a second read of the same parts fetches nothing"
     assert last_status(run.output.decode())[3] == "2.00 MB"
     assert "Throughput: " in run.output.decode()
 

@@ -114,7 +114,7 @@ int OnOpen(const char* path, struct fuse_file_info* info) {
 int OnRead(const char*, char* buffer, size_t size, off_t offset, struct fuse_file_info* info) {
   CloudSync::MetadataPtr entry = Engine().GetOpenFile(info->fh);
   if (!entry) return -EBADF;
-  return Engine().Read(*entry, buffer, size, static_cast<uint64_t>(offset));
+  return Engine().Read(entry, buffer, size, static_cast<uint64_t>(offset));
 }
 
 int OnRelease(const char*, struct fuse_file_info* info) {
@@ -347,15 +347,20 @@ YPartCache::Bytes YCloudMountEngine::FetchPart(const CloudSync::MetadataInfo& fi
     ahead_cv_.wait(lock, [&] { return in_flight_.count(part.fingerprint) == 0; });
   }
   if (YPartCache::Bytes cached = cache_->Find(part.fingerprint)) return cached;
+  return Download(*api_, file, part);
+}
+
+YPartCache::Bytes YCloudMountEngine::Download(CloudSync::YCloudApi& api, const CloudSync::MetadataInfo& file,
+                                              const CloudSync::PartInfo& part) {
   auto wanted = std::make_shared<CloudSync::PartInfo>();
   wanted->fingerprint = part.fingerprint;
   wanted->size = part.size;
   wanted->offset = part.offset;
   // The client checks the bytes against the fingerprint (169 on a mismatch).
-  api_->GetParts(CloudSync::PartList{wanted}, file.id);
+  api.GetParts(CloudSync::PartList{wanted}, file.id);
   if (wanted->data.GetSize() != part.size) {
     QEL_RAISE(kLogMount, 169, "part " + part.fingerprint + " of " + file.path + " came back the wrong size", kSource,
-              "FetchPart");
+              "Download");
   }
   auto bytes = std::make_shared<const std::string>(reinterpret_cast<const char*>(wanted->data.Get()), part.size);
   throughput_.ReportData(part.size);
@@ -363,7 +368,7 @@ YPartCache::Bytes YCloudMountEngine::FetchPart(const CloudSync::MetadataInfo& fi
   return bytes;
 }
 
-void YCloudMountEngine::ReadAhead(const CloudSync::MetadataInfo& file, const CloudSync::PartInfo& part) {
+void YCloudMountEngine::ReadAhead(const CloudSync::MetadataPtr& file, const CloudSync::PartInfo& part) {
   if (cache_->Contains(part.fingerprint)) return;
   std::lock_guard<std::mutex> lock(ahead_mutex_);
   if (!in_flight_.insert(part.fingerprint).second) return;
@@ -371,13 +376,13 @@ void YCloudMountEngine::ReadAhead(const CloudSync::MetadataInfo& file, const Clo
   wanted.fingerprint = part.fingerprint;
   wanted.size = part.size;
   wanted.offset = part.offset;
-  ahead_queue_.emplace_back(file.id, std::move(wanted));
+  ahead_queue_.emplace_back(file, std::move(wanted));
   ahead_cv_.notify_all();
 }
 
 void YCloudMountEngine::ReadAheadBody() {
   for (;;) {
-    std::pair<uint64_t, CloudSync::PartInfo> job;
+    std::pair<CloudSync::MetadataPtr, CloudSync::PartInfo> job;
     {
       std::unique_lock<std::mutex> lock(ahead_mutex_);
       ahead_cv_.wait(lock, [this] { return !ahead_queue_.empty() || ahead_->IsTerminationRequested(); });
@@ -392,16 +397,7 @@ void YCloudMountEngine::ReadAheadBody() {
     }
     const Qel::YString fingerprint = job.second.fingerprint;
     try {
-      auto wanted = std::make_shared<CloudSync::PartInfo>();
-      wanted->fingerprint = fingerprint;
-      wanted->size = job.second.size;
-      wanted->offset = job.second.offset;
-      ahead_api_->GetParts(CloudSync::PartList{wanted}, job.first);  // checked against the fingerprint
-      if (wanted->data.GetSize() == job.second.size) {
-        throughput_.ReportData(job.second.size);
-        cache_->Put(fingerprint, std::make_shared<const std::string>(reinterpret_cast<const char*>(wanted->data.Get()),
-                                                                     job.second.size));
-      }
+      Download(*ahead_api_, *job.first, job.second);
     } catch (const Qel::Exception::YError& e) {
       // The read that needs the part fetches it itself and reports the failure.
       Log().Write(kLogMount, "Reading ahead part " + fingerprint + " failed: " + e.GetSummary());
@@ -412,7 +408,8 @@ void YCloudMountEngine::ReadAheadBody() {
   }
 }
 
-int YCloudMountEngine::Read(const CloudSync::MetadataInfo& file, char* buffer, size_t size, uint64_t offset) {
+int YCloudMountEngine::Read(const CloudSync::MetadataPtr& entry, char* buffer, size_t size, uint64_t offset) {
+  const CloudSync::MetadataInfo& file = *entry;
   if (offset >= file.size) return 0;
   // Sequential: this read starts where the last one of the file ended.
   const bool sequential = offset == 0 || read_ends_[file.id] == offset;
@@ -441,7 +438,7 @@ int YCloudMountEngine::Read(const CloudSync::MetadataInfo& file, char* buffer, s
     // The part after the one this read ended in.
     for (const CloudSync::PartPtr& part : file.parts) {
       if (part->offset >= at && part->offset > offset) {
-        ReadAhead(file, *part);
+        ReadAhead(entry, *part);
         break;
       }
     }

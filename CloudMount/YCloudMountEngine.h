@@ -55,7 +55,7 @@ class YCloudMountEngine : public YCloudMountInstance {
   int ListFolder(const char* path, YFolderCache::FolderPtr* folder);
   // Copies up to `size` bytes of `file` from `offset` into `buffer`; returns
   // the count or a negative errno.
-  int Read(const CloudSync::MetadataInfo& file, char* buffer, size_t size, uint64_t offset);
+  int Read(const CloudSync::MetadataPtr& file, char* buffer, size_t size, uint64_t offset);
   // Open files: a handle number for FUSE, the entry as it was when opened.
   uint64_t OpenFile(CloudSync::MetadataPtr entry);
   CloudSync::MetadataPtr GetOpenFile(uint64_t handle);
@@ -66,7 +66,10 @@ class YCloudMountEngine : public YCloudMountInstance {
   YFolderCache::Folder FetchFolder(const Qel::YString& cloudFolder);
   YPartCache::Bytes FetchPart(const CloudSync::MetadataInfo& file, const CloudSync::PartInfo& part);
   // Asks the read-ahead thread for `part` unless it is held or on its way.
-  void ReadAhead(const CloudSync::MetadataInfo& file, const CloudSync::PartInfo& part);
+  void ReadAhead(const CloudSync::MetadataPtr& file, const CloudSync::PartInfo& part);
+  // Fetches `part` of `file` through `api`, checks it, counts it and caches it.
+  YPartCache::Bytes Download(CloudSync::YCloudApi& api, const CloudSync::MetadataInfo& file,
+                             const CloudSync::PartInfo& part);
   void ReadAheadBody();
 
   std::unique_ptr<CloudSync::YCloudApi> api_;
@@ -81,7 +84,7 @@ class YCloudMountEngine : public YCloudMountInstance {
   std::unique_ptr<Qel::Thread::YThread> ahead_;
   std::mutex ahead_mutex_;
   std::condition_variable ahead_cv_;
-  std::deque<std::pair<uint64_t, CloudSync::PartInfo>> ahead_queue_;  // (file id, part); guarded by ahead_mutex_
+  std::deque<std::pair<CloudSync::MetadataPtr, CloudSync::PartInfo>> ahead_queue_;  // guarded by ahead_mutex_
   std::set<Qel::YString> in_flight_;                                  // guarded by ahead_mutex_
   std::map<uint64_t, uint64_t> read_ends_;  // file id -> end of its last read (worker thread only)
   std::mutex stop_mutex_;

@@ -3,6 +3,7 @@ moments while it syncs both ways, and a full local disk."""
 import os
 import random
 import signal
+import sqlite3
 import subprocess
 import time
 
@@ -12,6 +13,25 @@ from agent_support import bin_dir
 from conftest import PASSWORD, USER, cloud_tree, eventually, local_tree, write
 
 ROUNDS = int(os.environ.get("ZARNU_CRASH_ROUNDS", "100"))
+
+
+def test_a_download_cut_off_after_its_rename_is_not_taken_for_a_new_file(make_agent, client):
+    # The state a crash leaves between a download's rename and its base: the file is
+    # in place and only the landing journal knows it came from the cloud.
+    agent = make_agent()
+    client.put_file("/came-down.txt", b"from the cloud")
+    eventually(lambda: local_tree(agent.root)[0] == {"came-down.txt": b"from the cloud"})
+    assert agent.stop() == 0
+    db = sqlite3.connect(agent.data / "sync.db")
+    with db:
+        db.execute("INSERT INTO landing SELECT * FROM base WHERE path = 'came-down.txt'")
+        db.execute("DELETE FROM base WHERE path = 'came-down.txt'")
+    db.close()
+    client.call("delete", {"path": "/came-down.txt"})
+
+    agent.start()
+    # The cloud delete reaches the folder; the file does not go back up.
+    eventually(lambda: local_tree(agent.root)[0] == {} and cloud_tree(client) == {})
 
 
 def test_sigkill_while_syncing_both_ways_loses_nothing(make_agent, client):

@@ -130,6 +130,17 @@ bool YReconciler::StillAsSeen(const Item& item) const {
   return now && now->SameAs(item.local->folder, item.local->size, item.local->mtimeNs, item.local->inode);
 }
 
+void YReconciler::SettleLandings() {
+  for (const auto& [path, landed] : ctx_.index->LoadLandings()) {
+    // The rename happened when the path holds the journalled file unchanged.
+    const std::optional<LocalItem> now = StatLocal(Absolute(path));
+    ctx_.index->RunInTransaction([&] {
+      if (now && now->SameAs(landed.folder, landed.size, landed.mtimeNs, landed.inode)) PutBase(path, landed);
+      ctx_.index->RemoveLanding(path);
+    });
+  }
+}
+
 YReconciler::Action YReconciler::Decide(const Item& item) const {
   const LocalItem* l = item.local;
   const RemoteItem* r = item.remote.get();
@@ -173,6 +184,7 @@ YReconciler::Outcome YReconciler::Run(const LocalScan& scan) {
 
   // Every path any side knows, in byte order: parents come before children.
   std::set<Qel::YString> paths;
+  SettleLandings();
   for (const auto& [path, item] : scan.items) paths.insert(path);
   for (const auto& [path, item] : remote) paths.insert(path);
   for (const auto& [path, item] : *ctx_.base) paths.insert(path);
@@ -434,6 +446,10 @@ void YReconciler::Download(const Item& item) {
     outcome_.again = true;
     return;
   }
+  // Journal the landing first: a crash right after the rename must still
+  // know the file came from the cloud (else it would look new and go back up).
+  const std::optional<LocalItem> landing = StatLocal(temp);
+  if (landing) ctx_.index->PutLanding(item.path, BaseOf(*landing, remote.id));
   const int rc = item.local ? ::rename(temp.c_str(), absolute.c_str())
                             : ::renameat2(AT_FDCWD, temp.c_str(), AT_FDCWD, absolute.c_str(), RENAME_NOREPLACE);
   if (rc != 0) {
@@ -450,7 +466,10 @@ void YReconciler::Download(const Item& item) {
     ::close(dir);
   }
   const std::optional<LocalItem> now = StatLocal(absolute);
-  if (now) PutBase(item.path, BaseOf(*now, remote.id));
+  ctx_.index->RunInTransaction([&] {
+    if (now) PutBase(item.path, BaseOf(*now, remote.id));
+    ctx_.index->RemoveLanding(item.path);
+  });
   ++outcome_.downloads;
   SetStatus(item.path, kStatusSynced, kProgressSteps);
   Log().Write(kLogCsm, "Downloaded " + absolute + " (" + std::to_string(remote.size) + " bytes)");

@@ -99,6 +99,9 @@ class YReconciler {
   };
 
   Action Decide(const Item& item) const;
+  // Turns the journalled downloads whose rename happened into bases and
+  // drops the rest (a crash between the rename and the base).
+  void SettleLandings();
   void Execute(Item& item);
   void Upload(const Item& item);
   void Download(const Item& item);

@@ -21,6 +21,13 @@ CREATE TABLE IF NOT EXISTS remote(
   size INTEGER NOT NULL,
   modified INTEGER NOT NULL,
   parts TEXT NOT NULL) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS landing(
+  path TEXT PRIMARY KEY,
+  folder INTEGER NOT NULL,
+  size INTEGER NOT NULL,
+  mtime_ns INTEGER NOT NULL,
+  inode INTEGER NOT NULL,
+  cloud_id INTEGER NOT NULL) WITHOUT ROWID;
 CREATE TABLE IF NOT EXISTS meta(
   name TEXT PRIMARY KEY,
   value TEXT NOT NULL) WITHOUT ROWID;
@@ -65,10 +72,14 @@ void YSyncIndex::Open() {
   db_.Execute(kSchema);
 }
 
-std::map<Qel::YString, BaseItem> YSyncIndex::LoadBase() {
+std::map<Qel::YString, BaseItem> YSyncIndex::LoadBase() { return LoadItems("base"); }
+
+std::map<Qel::YString, BaseItem> YSyncIndex::LoadLandings() { return LoadItems("landing"); }
+
+std::map<Qel::YString, BaseItem> YSyncIndex::LoadItems(const char* table) {
   std::lock_guard<std::recursive_mutex> lock(mutex_);
   std::map<Qel::YString, BaseItem> items;
-  auto st = db_.Prepare("SELECT path, folder, size, mtime_ns, inode, cloud_id FROM base");
+  auto st = db_.Prepare("SELECT path, folder, size, mtime_ns, inode, cloud_id FROM " + Qel::YString(table));
   while (st.Step()) {
     BaseItem item;
     item.folder = st.GetInt64(1) != 0;
@@ -120,8 +131,17 @@ void YSyncIndex::Write(const Qel::YString& sql, const std::function<void(Qel::SQ
   else db_.RunInTransaction(run);
 }
 
-void YSyncIndex::PutBase(const Qel::YString& path, const BaseItem& item) {
-  Write("INSERT OR REPLACE INTO base(path, folder, size, mtime_ns, inode, cloud_id) VALUES(?1, ?2, ?3, ?4, ?5, ?6)",
+void YSyncIndex::PutBase(const Qel::YString& path, const BaseItem& item) { PutItem("base", path, item); }
+
+void YSyncIndex::PutLanding(const Qel::YString& path, const BaseItem& item) { PutItem("landing", path, item); }
+
+void YSyncIndex::RemoveLanding(const Qel::YString& path) {
+  Write("DELETE FROM landing WHERE path = ?1", [&](Qel::SQLite::YStatement& st) { st.Bind(1, path); });
+}
+
+void YSyncIndex::PutItem(const char* table, const Qel::YString& path, const BaseItem& item) {
+  Write("INSERT OR REPLACE INTO " + Qel::YString(table) +
+            "(path, folder, size, mtime_ns, inode, cloud_id) VALUES(?1, ?2, ?3, ?4, ?5, ?6)",
         [&](Qel::SQLite::YStatement& st) {
           st.Bind(1, path)
               .Bind(2, item.folder ? 1 : 0)
@@ -163,7 +183,7 @@ void YSyncIndex::ClearRemote() {
 
 void YSyncIndex::ClearAll() {
   RunInTransaction([this] {
-    db_.Execute("DELETE FROM base; DELETE FROM remote; DELETE FROM meta;");
+    db_.Execute("DELETE FROM base; DELETE FROM landing; DELETE FROM remote; DELETE FROM meta;");
   });
 }
 

@@ -38,6 +38,10 @@ class YSyncIndex {
   void Open();
 
   std::map<Qel::YString, BaseItem> LoadBase();
+  // Downloads about to be renamed into place: the base each will have once
+  // it is there (its temporary file's inode, size and time). A landing whose
+  // file is at its path on restart became the base; any other never landed.
+  std::map<Qel::YString, BaseItem> LoadLandings();
   std::map<Qel::YString, RemoteItemPtr> LoadRemote();
   Qel::YString GetMeta(const Qel::YString& name);
 
@@ -47,6 +51,8 @@ class YSyncIndex {
   void RunInTransaction(const std::function<void()>& work);
   void PutBase(const Qel::YString& path, const BaseItem& item);
   void RemoveBase(const Qel::YString& path);
+  void PutLanding(const Qel::YString& path, const BaseItem& item);
+  void RemoveLanding(const Qel::YString& path);
   void PutRemote(const Qel::YString& path, const RemoteItem& item);
   void RemoveRemote(const Qel::YString& path);
   void SetMeta(const Qel::YString& name, const Qel::YString& value);
@@ -55,6 +61,8 @@ class YSyncIndex {
 
  private:
   void Write(const Qel::YString& sql, const std::function<void(Qel::SQLite::YStatement&)>& bind);
+  std::map<Qel::YString, BaseItem> LoadItems(const char* table);
+  void PutItem(const char* table, const Qel::YString& path, const BaseItem& item);
 
   std::recursive_mutex mutex_;
   Qel::SQLite::YSqliteDb db_;

@@ -470,9 +470,6 @@ void YCloudMountEngine::CloseFile(uint64_t handle) {
 extern "C" __attribute__((visibility("default"))) int qel_module_create_instance(const char* className,
                                                                                  const char* instanceName,
                                                                                  Qel::Module::YInstance** out) {
-  if (out == nullptr || className == nullptr) return Qel::Module::kInvalidArgument;
-  *out = nullptr;
-  if (std::strcmp(className, CloudMount::kClassName) != 0) return Qel::Module::kModuleRefused;
-  *out = std::make_unique<CloudMount::YCloudMountEngine>(instanceName ? instanceName : "").release();  // the runtime owns it now
-  return 0;
+  return Qel::Module::CreateInstanceOf<CloudMount::YCloudMountEngine>(CloudMount::kClassName, className,
+                                                                      instanceName, out);
 }

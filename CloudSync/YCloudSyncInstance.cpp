@@ -1,8 +1,5 @@
 #include "CloudSync/YCloudSyncInstance.h"
 
-#include <cstring>
-#include <memory>
-
 namespace CloudSync {
 
 YCloudSyncInstance::YCloudSyncInstance(const Qel::YString& instanceName) : YInstance(kClassName, instanceName) {}
@@ -23,9 +20,6 @@ void YCloudSyncInstance::Stop() {
 extern "C" __attribute__((visibility("default"))) int qel_module_create_instance(const char* className,
                                                                                  const char* instanceName,
                                                                                  Qel::Module::YInstance** out) {
-  if (out == nullptr || className == nullptr) return Qel::Module::kInvalidArgument;
-  *out = nullptr;
-  if (std::strcmp(className, CloudSync::YCloudSyncInstance::kClassName) != 0) return Qel::Module::kModuleRefused;
-  *out = std::make_unique<CloudSync::YCloudSyncInstance>(instanceName ? instanceName : "").release();  // the runtime owns it now
-  return 0;
+  return Qel::Module::CreateInstanceOf<CloudSync::YCloudSyncInstance>(CloudSync::YCloudSyncInstance::kClassName, className,
+                                                                      instanceName, out);
 }

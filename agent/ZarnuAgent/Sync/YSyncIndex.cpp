@@ -6,14 +6,17 @@ namespace Agent::Sync {
 
 namespace {
 
-constexpr const char* kSchema = R"sql(
-CREATE TABLE IF NOT EXISTS base(
+// The base and the landings hold the same record: a path as it was in step.
+constexpr const char* kStepColumns = R"sql((
   path TEXT PRIMARY KEY,
   folder INTEGER NOT NULL,
   size INTEGER NOT NULL,
   mtime_ns INTEGER NOT NULL,
   inode INTEGER NOT NULL,
   cloud_id INTEGER NOT NULL) WITHOUT ROWID;
+)sql";
+
+constexpr const char* kOtherTables = R"sql(
 CREATE TABLE IF NOT EXISTS remote(
   path TEXT PRIMARY KEY,
   id INTEGER NOT NULL,
@@ -21,17 +24,15 @@ CREATE TABLE IF NOT EXISTS remote(
   size INTEGER NOT NULL,
   modified INTEGER NOT NULL,
   parts TEXT NOT NULL) WITHOUT ROWID;
-CREATE TABLE IF NOT EXISTS landing(
-  path TEXT PRIMARY KEY,
-  folder INTEGER NOT NULL,
-  size INTEGER NOT NULL,
-  mtime_ns INTEGER NOT NULL,
-  inode INTEGER NOT NULL,
-  cloud_id INTEGER NOT NULL) WITHOUT ROWID;
 CREATE TABLE IF NOT EXISTS meta(
   name TEXT PRIMARY KEY,
   value TEXT NOT NULL) WITHOUT ROWID;
 )sql";
+
+Qel::YString Schema() {
+  return Qel::YString("CREATE TABLE IF NOT EXISTS base") + kStepColumns + "CREATE TABLE IF NOT EXISTS landing" +
+         kStepColumns + kOtherTables;
+}
 
 // Parts are kept as "<fingerprint>:<size>" joined by ",".
 Qel::YString EncodeParts(const std::vector<CloudPart>& parts) {
@@ -69,7 +70,7 @@ void YSyncIndex::Open() {
   db_.Initialize();
   db_.OpenForWrite();
   db_.Execute("PRAGMA synchronous=FULL;");
-  db_.Execute(kSchema);
+  db_.Execute(Schema());
 }
 
 std::map<Qel::YString, BaseItem> YSyncIndex::LoadBase() { return LoadItems("base"); }

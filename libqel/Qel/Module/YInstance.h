@@ -22,6 +22,8 @@
 // handle table's lock.
 #pragma once
 
+#include <memory>
+
 #include "Qel/YString.h"
 
 struct _tagQELINS;
@@ -72,6 +74,18 @@ class YInstance {
 };
 
 using CreateInstanceFunction = int (*)(const char* className, const char* instanceName, YInstance** out);
+
+// The body of a module's entry point for its one class T, made as
+// T(instanceName): checks the arguments and the class name and hands the new
+// instance to the caller (the runtime owns it from then on).
+template <typename T>
+int CreateInstanceOf(const char* expectedClass, const char* className, const char* instanceName, YInstance** out) {
+  if (out == nullptr || className == nullptr) return kInvalidArgument;
+  *out = nullptr;
+  if (YString(className) != expectedClass) return kModuleRefused;
+  *out = std::make_unique<T>(instanceName != nullptr ? instanceName : "").release();
+  return 0;
+}
 
 }  // namespace Qel::Module
 

@@ -415,21 +415,18 @@ HttpResponse ApiRouter::route(const HttpRequest& req) {
         const auto id = f.unsignedInt("id", 0, true);
         auto parts = service_.downloadParts(account, static_cast<EntryId>(id), f.strings("fingerprints"));
         json::array manifest;
-        std::size_t total = 0;
-        for (const auto& p : parts) {
+        HttpResponse r;
+        for (auto& p : parts) {
             const char* status = p.status == DownloadedPart::Status::Ok       ? "ok"
                                  : p.status == DownloadedPart::Status::Later ? "later"
                                                                              : "missing";
-            manifest.push_back(
-                json::object{{"fingerprint", p.fingerprint}, {"size", p.bytes.size()}, {"status", status}});
-            total += p.bytes.size();
+            const std::uint64_t size = p.file ? p.file->size : 0;
+            manifest.push_back(json::object{{"fingerprint", p.fingerprint}, {"size", size}, {"status", status}});
+            if (p.file) r.files.push_back(std::move(*p.file));
         }
-        HttpResponse r;
         r.contentType = "application/octet-stream";
         r.body = json::serialize(json::object{{"parts", std::move(manifest)}});
         r.body += '\n';
-        r.body.reserve(r.body.size() + total);
-        for (const auto& p : parts) r.body += p.bytes;
         return r;
     }
     if (op == "folders/create") {

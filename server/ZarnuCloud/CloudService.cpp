@@ -9,7 +9,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <future>
 #include <vector>
 #include <unordered_set>
 
@@ -149,38 +148,20 @@ std::size_t CloudService::uploadParts(AccountId account, std::string_view body) 
         stats_.partsReceived++;
         stats_.bytesReceived += p.bytes.size();
     }
-    // The parts of a batch are checked (and then written) side by side: one part
-    // each on its own thread, the first on this one. Nothing is written unless
-    // every part of the batch matches its fingerprint.
-    const auto eachPart = [&parts](auto&& work) {
-        std::vector<std::future<void>> others;
-        for (std::size_t i = 1; i < parts.size(); ++i)
-            others.push_back(std::async(std::launch::async, [&work, &parts, i] { work(parts[i]); }));
-        std::exception_ptr failure;
-        try {
-            if (!parts.empty()) work(parts[0]);
-        } catch (...) {
-            failure = std::current_exception();
-        }
-        for (auto& f : others) {
-            try {
-                f.get();
-            } catch (...) {
-                if (!failure) failure = std::current_exception();
-            }
-        }
-        if (failure) std::rethrow_exception(failure);
-    };
-    std::vector<char> valid(parts.size(), 0);
-    eachPart([&](const auto& p) { valid[static_cast<std::size_t>(&p - parts.data())] = Fingerprint::matches(p.fingerprint, p.bytes); });
+    // Nothing is written unless every part of the batch matches its fingerprint;
+    // then they are written and synced together.
+    std::vector<std::string_view> bytes;
+    for (const auto& p : parts) bytes.push_back(p.bytes);
+    const std::vector<std::string> computed = Fingerprint::ofMany(bytes);
     for (std::size_t i = 0; i < parts.size(); ++i) {
-        if (!valid[i]) {
+        if (computed[i] != parts[i].fingerprint) {
             stats_.partsRejected++;
             throw ApiError(ErrorCode::PartInvalid, "A part failed to be validated: " + parts[i].fingerprint);
         }
     }
-    std::vector<char> stored(parts.size(), 0);
-    eachPart([&](const auto& p) { stored[static_cast<std::size_t>(&p - parts.data())] = parts_.put(p.fingerprint, p.bytes); });
+    std::vector<PartStore::NewPart> toStore;
+    for (const auto& p : parts) toStore.push_back({p.fingerprint, p.bytes});
+    const std::vector<bool> stored = parts_.putMany(toStore);
     std::vector<PartRef> held;
     for (std::size_t i = 0; i < parts.size(); ++i) {
         if (stored[i]) {
@@ -230,16 +211,16 @@ std::vector<DownloadedPart> CloudService::downloadParts(AccountId account, Entry
         if (bytes >= kMaxDownloadBytes) {
             part.status = DownloadedPart::Status::Later;
         } else if (inFile.count(fp) || meta_.accountReferencesPart(account, fp)) {
-            if (auto data = parts_.get(fp); data && Fingerprint::matches(fp, *data)) {
-                if (bytes > 0 && bytes + data->size() > kMaxDownloadBytes) {
+            if (auto file = parts_.open(fp)) {
+                if (bytes > 0 && bytes + file->size > kMaxDownloadBytes) {
                     part.status = DownloadedPart::Status::Later;
                     bytes = kMaxDownloadBytes;
                 } else {
-                    bytes += data->size();
+                    bytes += file->size;
                     part.status = DownloadedPart::Status::Ok;
-                    part.bytes = std::move(*data);
                     stats_.partsSent++;
-                    stats_.bytesSent += part.bytes.size();
+                    stats_.bytesSent += file->size;
+                    part.file = std::move(file);
                 }
             }
         }

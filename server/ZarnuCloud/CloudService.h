@@ -7,6 +7,7 @@
 #include "ChangeNotifier.h"
 #include "Lister.h"
 #include "MetadataStore.h"
+#include "FileSlice.h"
 #include "PartStore.h"
 #include "Stats.h"
 
@@ -27,7 +28,7 @@ struct LoginResult {
 struct DownloadedPart {
     std::string fingerprint;
     enum class Status { Ok, Missing, Later } status = Status::Missing;
-    std::string bytes;
+    std::optional<FileSlice> file;  ///< the part's bytes, when Ok
 };
 
 /// What a public link shows: one file, or a listing of files.

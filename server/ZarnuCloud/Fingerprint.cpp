@@ -1,5 +1,7 @@
 #include "Fingerprint.h"
 
+#include "Qel/Crypto/Md5Lanes.h"
+
 #include <openssl/evp.h>
 
 #include <stdexcept>
@@ -38,6 +40,24 @@ std::string Fingerprint::of(std::string_view bytes) {
     out.reserve(kLength);
     appendDigest(out, EVP_md5(), bytes);
     appendDigest(out, EVP_sha1(), bytes);
+    return out;
+}
+
+std::vector<std::string> Fingerprint::ofMany(const std::vector<std::string_view>& parts) {
+    std::vector<const unsigned char*> data;
+    std::vector<std::size_t> sizes;
+    for (std::string_view p : parts) {
+        data.push_back(reinterpret_cast<const unsigned char*>(p.data()));
+        sizes.push_back(p.size());
+    }
+    std::vector<Qel::Crypto::Md5Digest> md5(parts.size());
+    Qel::Crypto::Md5Many(data.data(), sizes.data(), parts.size(), md5.data());
+    std::vector<std::string> out;
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        std::string fingerprint = Qel::Crypto::Md5Hex(md5[i]);
+        appendDigest(fingerprint, EVP_sha1(), parts[i]);
+        out.push_back(std::move(fingerprint));
+    }
     return out;
 }
 

@@ -2,6 +2,8 @@
 // The HTTP request and response as the API layer sees them, free of any networking
 // library so that request handling compiles (and is tested) without Boost.Beast.
 
+#include "FileSlice.h"
+
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -34,6 +36,9 @@ struct HttpResponse {
     std::string contentType = "application/json";
     std::string body;
     std::vector<std::pair<std::string, std::string>> headers;
+    /// Sent after `body`, in order, straight from the files (no copy through the service
+    /// where the connection allows it). Not together with `stream`.
+    std::vector<FileSlice> files;
     /// When set, the body comes from here instead of `body` and is `streamSize` bytes long.
     std::unique_ptr<BodySource> stream;
     std::uint64_t streamSize = 0;

@@ -1,16 +1,25 @@
 #pragma once
 // Where part bytes live, addressed by fingerprint. Implementations must be safe to call
-// from many threads at once. The store never checks fingerprints itself: callers hand
-// it bytes they have already verified.
+// from many threads at once. The store never checks fingerprints on the way in: callers
+// hand it bytes they have already verified. On the way out it checks that the bytes are
+// still the ones it was given.
+
+#include "FileSlice.h"
 
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace zarnu::cloud {
 
 class PartStore {
 public:
+    struct NewPart {
+        std::string_view fingerprint;
+        std::string_view bytes;
+    };
+
     virtual ~PartStore() = default;
 
     /// Stores the bytes under fingerprint. When it returns, the part is durable (a crash
@@ -18,10 +27,24 @@ public:
     /// false when it was already present. Throws std::runtime_error on I/O failure.
     virtual bool put(std::string_view fingerprint, std::string_view bytes) = 0;
 
+    /// put() for several parts at once: when it returns, every one of them is durable.
+    /// Element i tells whether parts[i] was newly written. On failure (an exception)
+    /// some parts may be stored, none half-stored.
+    virtual std::vector<bool> putMany(const std::vector<NewPart>& parts) {
+        std::vector<bool> written;
+        for (const NewPart& p : parts) written.push_back(put(p.fingerprint, p.bytes));
+        return written;
+    }
+
     virtual bool contains(std::string_view fingerprint) = 0;
 
-    /// The part's bytes, or nothing when the store lacks it.
+    /// The part's bytes, or nothing when the store lacks it or its bytes are damaged.
     virtual std::optional<std::string> get(std::string_view fingerprint) = 0;
+
+    /// The part opened for sending (its bytes, unread, in the page cache where the store
+    /// can arrange it), or nothing when the store lacks it or its bytes are damaged.
+    /// Throws std::runtime_error on I/O failure.
+    virtual std::optional<FileSlice> open(std::string_view fingerprint) = 0;
 };
 
 }  // namespace zarnu::cloud

@@ -1,0 +1,106 @@
+// The folder part store against a real folder: parts come back as stored, a damaged
+// part reads as absent (whatever its check sum says), a part without a check sum is
+// verified once and gets one, a batch that names a part twice writes it once.
+
+#include "Checksum.h"
+#include "FolderPartStore.h"
+#include "Fingerprint.h"
+
+#include <gtest/gtest.h>
+#include <sys/xattr.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+
+namespace zarnu::cloud {
+namespace {
+
+namespace fs = std::filesystem;
+
+std::string bytesOf(std::size_t size, unsigned seed) {
+    std::mt19937 gen(seed);
+    std::string out(size, '\0');
+    for (char& c : out) c = static_cast<char>(gen());
+    return out;
+}
+
+std::string readSlice(const FileSlice& slice) {
+    std::string out(slice.size, '\0');
+    EXPECT_EQ(::pread(slice.fd.get(), out.data(), out.size(), 0), static_cast<ssize_t>(out.size()));
+    return out;
+}
+
+class PartStoreTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        dir_ = fs::temp_directory_path() / ("zarnu-parts-test-" + std::to_string(std::random_device{}()));
+        store_ = std::make_unique<FolderPartStore>(dir_);
+    }
+    void TearDown() override { fs::remove_all(dir_); }
+
+    void overwrite(const std::string& fingerprint, const std::string& bytes) {
+        // Rewrites the file in place, as a failing disk would: its attributes stay.
+        std::fstream f(store_->pathOf(fingerprint), std::ios::in | std::ios::out | std::ios::binary);
+        f.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    }
+    bool hasChecksum(const std::string& fingerprint) {
+        char value[4];
+        return ::getxattr(store_->pathOf(fingerprint).c_str(), "user.zarnu.crc32c", value, sizeof value) == 4;
+    }
+
+    fs::path dir_;
+    std::unique_ptr<FolderPartStore> store_;
+};
+
+TEST(ChecksumTest, KnownValueAndPiecewiseEqualsWhole) {
+    EXPECT_EQ(crc32c("123456789", 9), 0xE3069283u);  // the CRC-32C check value
+    const std::string data = bytesOf(100003, 7);
+    const std::uint32_t whole = crc32c(data.data(), data.size());
+    EXPECT_EQ(crc32c(data.data() + 4001, data.size() - 4001, crc32c(data.data(), 4001)), whole);
+    EXPECT_EQ(crc32c(nullptr, 0), 0u);
+}
+
+TEST_F(PartStoreTest, PartsComeBackAsStoredAndABatchWritesEachOnce) {
+    const std::string a = bytesOf(1 << 20, 1), b = bytesOf(12345, 2);
+    const std::string fa = Fingerprint::of(a), fb = Fingerprint::of(b);
+    EXPECT_EQ(store_->putMany({{fa, a}, {fb, b}, {fa, a}}), (std::vector<bool>{true, true, false}));
+    EXPECT_EQ(store_->putMany({{fb, b}}), std::vector<bool>{false});
+    EXPECT_TRUE(fs::is_empty(dir_ / "tmp"));
+
+    auto slice = store_->open(fb);
+    ASSERT_TRUE(slice);
+    EXPECT_EQ(slice->size, b.size());
+    EXPECT_EQ(readSlice(*slice), b);
+    EXPECT_EQ(store_->get(fa), a);
+    EXPECT_FALSE(store_->open(Fingerprint::of("never stored")));
+}
+
+TEST_F(PartStoreTest, DamagedBytesReadAsAbsentAndAMissingChecksumIsRestored) {
+    const std::string a = bytesOf(300000, 3);
+    const std::string fa = Fingerprint::of(a);
+    ASSERT_TRUE(store_->put(fa, a));
+    ASSERT_TRUE(hasChecksum(fa));
+
+    // A part stored before check sums existed: verified by its fingerprint, then given one.
+    ASSERT_EQ(::removexattr(store_->pathOf(fa).c_str(), "user.zarnu.crc32c"), 0);
+    EXPECT_TRUE(store_->open(fa));
+    EXPECT_TRUE(hasChecksum(fa));
+
+    std::string damaged = a;
+    damaged[150000] ^= 0x01;
+    overwrite(fa, damaged);
+    EXPECT_FALSE(store_->open(fa));
+    EXPECT_FALSE(store_->get(fa));
+
+    // Bytes put back: they match again, whatever happened to the check sum meanwhile.
+    overwrite(fa, a);
+    ASSERT_EQ(::setxattr(store_->pathOf(fa).c_str(), "user.zarnu.crc32c", "\0\0\0\0", 4, 0), 0);
+    auto slice = store_->open(fa);
+    ASSERT_TRUE(slice);
+    EXPECT_EQ(readSlice(*slice), a);
+}
+
+}  // namespace
+}  // namespace zarnu::cloud

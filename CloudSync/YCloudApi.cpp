@@ -8,6 +8,7 @@
 #include <unordered_set>
 
 #include "CloudSync/YConfigDb.h"
+#include "CloudSync/Transfer/YPartsBuffer.h"
 #include "CloudSync/YCurlObj.h"
 #include "Qel/Crypto/YBbsHash.h"
 #include "Qel/File/File.h"
@@ -114,6 +115,13 @@ void YCloudApi::ApplyConfig(YConfigDb& db) {
   YString folder = Qel::File::RemoveFileFromPath(db.GetPath());
   const YString ca = folder.empty() ? Qel::File::GetPathName(9, "ca.pem") : Qel::File::AppendPaths(folder, "ca.pem");
   SetTrust(ca, verify);
+}
+
+std::unique_ptr<YCloudApi> YCloudApi::Clone() const {
+  auto copy = std::make_unique<YCloudApi>(agent_name_, address_);
+  copy->curl_->CopySettingsFrom(*curl_);
+  copy->token_ = token_;
+  return copy;
 }
 
 void YCloudApi::SetTimeouts(long totalSeconds, long connectSeconds) {
@@ -344,26 +352,36 @@ YString YCloudApi::ComputeFingerprint(const unsigned char* data, size_t size) {
   return Qel::Crypto::YBbsHash::Fingerprint(data, size);
 }
 
-std::string YCloudApi::BuildUploadBody(const std::vector<PartPtr>& parts) {
+std::string YCloudApi::BuildUploadManifest(const std::vector<PartPtr>& parts) {
   YArray manifest;
-  size_t bytes = 0;
   for (const PartPtr& p : parts) {
     YObject item;
     item.Set("fingerprint", YValue(p->fingerprint));
     item.Set("size", YValue(p->size));
     manifest.push_back(std::make_shared<YValue>(std::move(item)));
-    bytes += p->size;
   }
   YObject head;
   head.Set("parts", YValue(std::move(manifest)));
-  std::string body = head.Stringify();
-  body += '\n';
-  body.reserve(body.size() + bytes);
+  std::string line = head.Stringify();
+  line += '\n';
+  return line;
+}
+
+std::string YCloudApi::BuildUploadBody(const std::vector<PartPtr>& parts) {
+  std::string body = BuildUploadManifest(parts);
   for (const PartPtr& p : parts) body.append(reinterpret_cast<const char*>(p->data.Get()), p->size);
   return body;
 }
 
 size_t YCloudApi::SendNeededParts(const PartList& batch, uint64_t /*reserved*/) {
+  std::vector<std::string_view> bytes;
+  for (const PartPtr& p : batch) {
+    bytes.emplace_back(p ? reinterpret_cast<const char*>(p->data.Get()) : nullptr, p ? p->data.GetCount() : 0);
+  }
+  return SendParts(batch, bytes);
+}
+
+size_t YCloudApi::SendParts(const PartList& batch, const std::vector<std::string_view>& bytes) {
   const std::vector<YString> fingerprints = DistinctFingerprints(batch);
   if (fingerprints.empty()) return 0;
   RequireLogin("SendNeededParts");
@@ -384,16 +402,21 @@ size_t YCloudApi::SendNeededParts(const PartList& batch, uint64_t /*reserved*/) 
   }
 
   std::vector<PartPtr> to_send;
+  std::vector<std::string_view> to_send_bytes;
   std::set<YString> chosen;
+  size_t i = 0;
   for (const PartPtr& p : batch) {
+    const std::string_view held = i < bytes.size() ? bytes[i] : std::string_view();
+    ++i;
     if (!p || !missing.count(p->fingerprint) || !chosen.insert(p->fingerprint).second) continue;
-    if (p->size == 0 || p->size > kMaxPartSize || p->data.GetCount() != p->size) {
+    if (p->size == 0 || p->size > kMaxPartSize || held.size() != p->size) {
       QEL_RAISE(kLogType, 186,
                 "Part " + p->fingerprint + " lists " + std::to_string(p->size) + " bytes and holds " +
-                    std::to_string(p->data.GetCount()),
+                    std::to_string(held.size()),
                 kFile, "SendNeededParts");
     }
     to_send.push_back(p);
+    to_send_bytes.push_back(held);
   }
 
   const std::map<YString, YString> headers{{"Content-Type", "application/octet-stream"},
@@ -405,8 +428,12 @@ size_t YCloudApi::SendNeededParts(const PartList& batch, uint64_t /*reserved*/) 
     const size_t end = std::min(to_send.size(), start + kUploadBatchParts);
     const std::vector<PartPtr> group(to_send.begin() + static_cast<long>(start),
                                      to_send.begin() + static_cast<long>(end));
-    const std::string body = BuildUploadBody(group);
-    YCurlObj::Response answer = curl_->Post(path, headers, body);
+    // The manifest, then each part's bytes from where they lie.
+    const std::string manifest = BuildUploadManifest(group);
+    std::vector<std::string_view> pieces{manifest};
+    pieces.insert(pieces.end(), to_send_bytes.begin() + static_cast<long>(start),
+                  to_send_bytes.begin() + static_cast<long>(end));
+    YCurlObj::Response answer = curl_->Post(path, headers, std::move(pieces));
     if (answer.status != 200)
       Qel::Exception::Raise(AnswerError(answer.status, answer.body, curl_->MakeUrl(path), "SendNeededParts"));
     const unsigned long long received = ReadAnswer("parts/upload", "SendNeededParts", [&] {
@@ -478,13 +505,11 @@ YCloudApi::ChangesResult YCloudApi::GetChanges(const YString& cursor, uint32_t t
   });
 }
 
-std::vector<YString> YCloudApi::ReadPartsAnswer(const std::vector<YString>& asked, const std::string& body,
-                                                const PartList& batch, size_t& filled) {
-  const size_t line_end = body.find('\n');
-  if (line_end == std::string::npos) RaiseMalformedParts("The answer has no manifest line", __LINE__);
+std::vector<YCloudApi::AnsweredPart> YCloudApi::ReadPartsManifest(const std::vector<YString>& asked,
+                                                                  std::string_view line, size_t bytes) {
   YArray manifest;
   try {
-    manifest = Qel::JSON::ParseObject(YString(body.substr(0, line_end))).Get<YArray>("parts", kLogType);
+    manifest = Qel::JSON::ParseObject(YString(line)).Get<YArray>("parts", kLogType);
   } catch (const YError& e) {
     RaiseMalformedParts("The manifest cannot be read: " + e.GetInfo(), __LINE__);
   }
@@ -494,8 +519,8 @@ std::vector<YString> YCloudApi::ReadPartsAnswer(const std::vector<YString>& aske
                         __LINE__);
   }
 
-  std::vector<YString> later;
-  size_t offset = line_end + 1;
+  std::vector<AnsweredPart> answered;
+  size_t offset = 0;
   for (size_t i = 0; i < manifest.size(); ++i) {
     YString fingerprint, status;
     unsigned long long size = 0;
@@ -513,38 +538,97 @@ std::vector<YString> YCloudApi::ReadPartsAnswer(const std::vector<YString>& aske
                           __LINE__);
     }
     if (status == "later") {
-      later.push_back(fingerprint);
+      answered.push_back({fingerprint, true, 0, 0});
       continue;
     }
     if (status == "missing") {
       QEL_RAISE(kLogType, 162, "The cloud has no part " + fingerprint, kFile, "ReadPartsAnswer");
     }
     if (status != "ok") RaiseMalformedParts("Part " + fingerprint + " has the status " + status, __LINE__);
-    if (size > body.size() - offset) {
-      RaiseMalformedParts("The answer ends inside part " + fingerprint, __LINE__);
-    }
-    const auto* bytes = reinterpret_cast<const unsigned char*>(body.data() + offset);
+    if (size > bytes - offset) RaiseMalformedParts("The answer ends inside part " + fingerprint, __LINE__);
+    answered.push_back({fingerprint, false, offset, static_cast<size_t>(size)});
     offset += size;
-    if (ComputeFingerprint(bytes, size) != fingerprint) {
-      QEL_RAISE(kLogType, 169, "The bytes received for part " + fingerprint + " do not match it", kFile,
-                "ReadPartsAnswer");
+  }
+  if (offset != bytes) {
+    RaiseMalformedParts(std::to_string(bytes - offset) + " bytes follow the last part", __LINE__);
+  }
+  return answered;
+}
+
+void YCloudApi::CheckPartBytes(const PartInfo& part, size_t size, const YString& computed) {
+  if (computed != part.fingerprint) {
+    QEL_RAISE(kLogType, 169, "The bytes received for part " + part.fingerprint + " do not match it", kFile,
+              "ReadPartsAnswer");
+  }
+  if (part.size != size) {
+    QEL_RAISE(kLogType, 169,
+              "Part " + part.fingerprint + " came with " + std::to_string(size) + " bytes, not " +
+                  std::to_string(part.size),
+              kFile, "ReadPartsAnswer");
+  }
+}
+
+std::vector<YString> YCloudApi::ReadPartsAnswer(const std::vector<YString>& asked, const std::string& body,
+                                                const PartList& batch, size_t& filled) {
+  const size_t line_end = body.find('\n');
+  if (line_end == std::string::npos) RaiseMalformedParts("The answer has no manifest line", __LINE__);
+  const auto* bytes = reinterpret_cast<const unsigned char*>(body.data() + line_end + 1);
+  std::vector<YString> later;
+  for (const AnsweredPart& a :
+       ReadPartsManifest(asked, std::string_view(body).substr(0, line_end), body.size() - line_end - 1)) {
+    if (a.later) {
+      later.push_back(a.fingerprint);
+      continue;
     }
+    const YString computed = ComputeFingerprint(bytes + a.offset, a.size);
     for (const PartPtr& p : batch) {
-      if (!p || p->fingerprint != fingerprint) continue;
-      if (p->size != size) {
-        QEL_RAISE(
-            kLogType, 169,
-            "Part " + fingerprint + " came with " + std::to_string(size) + " bytes, not " + std::to_string(p->size),
-            kFile, "ReadPartsAnswer");
-      }
-      p->data.Assign(bytes, size);
+      if (!p || p->fingerprint != a.fingerprint) continue;
+      CheckPartBytes(*p, a.size, computed);
+      p->data.Assign(bytes + a.offset, a.size);
       ++filled;
     }
-  }
-  if (offset != body.size()) {
-    RaiseMalformedParts(std::to_string(body.size() - offset) + " bytes follow the last part", __LINE__);
+    if (computed != a.fingerprint) {  // a part no entry of the batch names
+      QEL_RAISE(kLogType, 169, "The bytes received for part " + a.fingerprint + " do not match it", kFile,
+                "ReadPartsAnswer");
+    }
   }
   return later;
+}
+
+void YCloudApi::ReceiveParts(const PartList& batch, uint64_t fileId, YPartsBuffer& into) {
+  into.Clear();
+  std::vector<YString> pending = DistinctFingerprints(batch);
+  if (pending.empty()) return;
+  RequireLogin("ReceiveParts");
+  const std::map<YString, YString> headers{{"Content-Type", "application/json"},
+                                           {"Accept", "application/octet-stream"},
+                                           {"User-Agent", agent_name_},
+                                           {"Authorization", "Bearer " + token_}};
+  const YString path = kApiPrefix + YString("parts/download");
+  while (!pending.empty()) {
+    const size_t count = std::min(pending.size(), kDownloadBatchParts);
+    const std::vector<YString> asked(pending.begin(), pending.begin() + static_cast<long>(count));
+    YObject request;
+    request.Set("id", YValue(static_cast<unsigned long long>(fileId)));
+    request.Set("fingerprints", TextArray(asked));
+    const std::string body = request.Stringify();
+    const YCurlObj::Response answer = curl_->Post(path, headers, std::vector<std::string_view>{body}, &into);
+    if (answer.status != 200)
+      Qel::Exception::Raise(AnswerError(answer.status, into.AnswerText(), curl_->MakeUrl(path), "ReceiveParts"));
+    if (into.Overflowed()) RaiseMalformedParts("The answer is larger than any parts answer can be", __LINE__);
+    if (!into.ManifestEnded()) RaiseMalformedParts("The answer has no manifest line", __LINE__);
+
+    std::vector<YString> later;
+    for (const AnsweredPart& a : ReadPartsManifest(asked, into.Manifest(), into.AnswerBytes())) {
+      if (a.later) later.push_back(a.fingerprint);
+      else into.Record(a.fingerprint, into.AnswerStart() + a.offset, a.size);
+    }
+    if (later.size() == asked.size()) {
+      RaiseMalformedParts("The cloud sent none of the parts asked for and asked to wait", __LINE__);
+    }
+    later.insert(later.end(), pending.begin() + static_cast<long>(count), pending.end());
+    pending = std::move(later);
+  }
 }
 
 size_t YCloudApi::GetParts(const PartList& batch, uint64_t fileId) {

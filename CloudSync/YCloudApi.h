@@ -26,6 +26,7 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "CloudSync/PartInfo.h"
@@ -40,6 +41,7 @@ namespace CloudSync {
 
 class YCurlObj;
 class YConfigDb;
+class YPartsBuffer;
 
 class YCloudApi {
  public:
@@ -104,6 +106,9 @@ class YCloudApi {
 
   LoginResult Login(const Qel::YString& user, const Qel::YString& password);
   LoginResult Login(const Qel::YString& token);
+  // A second connection to the same service with the same settings and the
+  // same login (no request is made), for transfers that use several at once.
+  std::unique_ptr<YCloudApi> Clone() const;
 
   // One page of a listing. For a plain path naming a folder, the folder
   // itself is the first entry of every page (callers that walk a tree rely
@@ -130,6 +135,10 @@ class YCloudApi {
   // sent must hold its bytes (`data` of `size` bytes; else 186). `reserved`
   // is 0. Returns how many parts were sent.
   size_t SendNeededParts(const PartList& batch, uint64_t reserved);
+  // SendNeededParts for parts whose bytes lie elsewhere (their `data` is not
+  // read): bytes[i] holds the bytes of the i-th part of `batch`. They are
+  // sent from there, never copied into one body.
+  size_t SendParts(const PartList& batch, const std::vector<std::string_view>& bytes);
   // Creates (or replaces) the file at `path` from the ordered part list (only
   // fingerprints and sizes are read). Raises 162 when the cloud lacks a part.
   MetadataPtr CreateFile(const Qel::YString& path, const PartList& parts);
@@ -154,6 +163,13 @@ class YCloudApi {
   // its fingerprint. Parts sharing a fingerprint are fetched once and all
   // filled. Returns how many parts of `batch` were filled.
   size_t GetParts(const PartList& batch, uint64_t fileId);
+  // GetParts without the check: the bytes of `batch` land in `into` (cleared
+  // first, its memory kept), unverified. The caller checks every part with
+  // CheckPartBytes before it uses it. Raises like GetParts otherwise.
+  void ReceiveParts(const PartList& batch, uint64_t fileId, YPartsBuffer& into);
+  // Raises 169 unless `computed` (the fingerprint of `size` received bytes)
+  // is the part's fingerprint and `size` its size.
+  static void CheckPartBytes(const PartInfo& part, size_t size, const Qel::YString& computed);
 
   // ---- Wire format (no network; used by the calls above and by tests) ----
 
@@ -168,9 +184,25 @@ class YCloudApi {
   // One entry object of a listing or an answer; raises 161 when a required
   // field (id, path, size) is missing.
   static MetadataPtr ReadEntry(const Qel::JSON::YObject& entry);
+  // The first line of a parts upload: the manifest and its line feed.
+  static std::string BuildUploadManifest(const std::vector<PartPtr>& parts);
   // The body of a parts upload: the one-line manifest, a line feed, then the
   // bytes of every part in order.
   static std::string BuildUploadBody(const std::vector<PartPtr>& parts);
+  // One element of a parts answer's manifest: a part that follows (at
+  // `offset` in the bytes after the manifest line, `size` bytes) or one to ask
+  // for again later.
+  struct AnsweredPart {
+    Qel::YString fingerprint;
+    bool later = false;
+    size_t offset = 0;
+    size_t size = 0;
+  };
+  // Reads the manifest line of a parts answer to `asked`, after which `bytes`
+  // bytes follow. Raises 168 for a malformed manifest or bytes that do not
+  // add up, 162 for a part answered "missing".
+  static std::vector<AnsweredPart> ReadPartsManifest(const std::vector<Qel::YString>& asked, std::string_view line,
+                                                     size_t bytes);
   // Reads the answer to a parts download of `asked` (fingerprints in request
   // order): checks each "ok" part's bytes against its fingerprint and the
   // size of the parts of `batch` that carry it (169 on a mismatch), fills

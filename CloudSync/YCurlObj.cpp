@@ -24,6 +24,15 @@ void YCurlObj::SetSpeedLimits(uint64_t sendBytesPerSecond, uint64_t receiveBytes
   max_recv_speed_ = receiveBytesPerSecond;
 }
 
+void YCurlObj::CopySettingsFrom(const YCurlObj& other) {
+  total_timeout_ = other.total_timeout_;
+  connect_timeout_ = other.connect_timeout_;
+  ca_file_ = other.ca_file_;
+  verify_ = other.verify_;
+  max_send_speed_ = other.max_send_speed_;
+  max_recv_speed_ = other.max_recv_speed_;
+}
+
 Qel::YString YCurlObj::MakeUrl(const Qel::YString& path) const {
   size_t skip = 0;
   while (skip < path.size() && path[skip] == '/') ++skip;
@@ -32,21 +41,30 @@ Qel::YString YCurlObj::MakeUrl(const Qel::YString& path) const {
 
 YCurlObj::Response YCurlObj::Post(const Qel::YString& path, const HttpHeaders& headers, std::string_view body,
                                   long timeout) {
-  return Perform(true, path, headers, body, timeout);
+  HttpRequest request;
+  request.body = body;
+  return Perform(std::move(request), path, headers, timeout);
+}
+
+YCurlObj::Response YCurlObj::Post(const Qel::YString& path, const HttpHeaders& headers,
+                                  std::vector<std::string_view> pieces, IBodySink* sink, long timeout) {
+  HttpRequest request;
+  request.bodyPieces = std::move(pieces);
+  request.sink = sink;
+  return Perform(std::move(request), path, headers, timeout);
 }
 
 YCurlObj::Response YCurlObj::Get(const Qel::YString& path, const HttpHeaders& headers, long timeout) {
-  return Perform(false, path, headers, {}, timeout);
+  HttpRequest request;
+  request.post = false;
+  return Perform(std::move(request), path, headers, timeout);
 }
 
-YCurlObj::Response YCurlObj::Perform(bool post, const Qel::YString& path, const HttpHeaders& headers,
-                                     std::string_view body, long timeout) {
-  HttpRequest request;
-  request.post = post;
+YCurlObj::Response YCurlObj::Perform(HttpRequest request, const Qel::YString& path, const HttpHeaders& headers,
+                                     long timeout) {
   request.url = MakeUrl(path);
   request.baseAddress = base_address_;
   request.headers = &headers;
-  request.body = body;
   request.totalTimeout = timeout > 0 ? timeout : total_timeout_;
   request.connectTimeout = connect_timeout_;
   request.caFile = ca_file_;

@@ -23,6 +23,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "CloudSync/Http/IHttpSession.h"
 #include "Qel/YString.h"
@@ -62,7 +63,14 @@ class YCurlObj {
   // for this request when non-zero.
   Response Post(const Qel::YString& path, const std::map<Qel::YString, Qel::YString>& headers, std::string_view body,
                 long timeout = 0);
+  // Sends the body `pieces` one after the other, from where they lie. With
+  // `sink`, the answer's body goes there instead of Response::body.
+  Response Post(const Qel::YString& path, const std::map<Qel::YString, Qel::YString>& headers,
+                std::vector<std::string_view> pieces, IBodySink* sink = nullptr, long timeout = 0);
   Response Get(const Qel::YString& path, const std::map<Qel::YString, Qel::YString>& headers, long timeout = 0);
+
+  // Takes over `other`'s time-outs, trust and speed limits.
+  void CopySettingsFrom(const YCurlObj& other);
 
   // The base address joined with `path`.
   Qel::YString MakeUrl(const Qel::YString& path) const;
@@ -70,8 +78,8 @@ class YCurlObj {
   long GetTotalTimeout() const { return total_timeout_; }
 
  private:
-  Response Perform(bool post, const Qel::YString& path, const std::map<Qel::YString, Qel::YString>& headers,
-                   std::string_view body, long timeout);
+  Response Perform(HttpRequest request, const Qel::YString& path,
+                   const std::map<Qel::YString, Qel::YString>& headers, long timeout);
 
   Qel::YString base_address_;
   int flags_;

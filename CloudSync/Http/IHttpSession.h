@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Qel/YString.h"
 
@@ -24,12 +25,26 @@ struct HttpResponse {
   HttpHeaders headers;  // names in lower case
 };
 
+// Takes an answer's body as it arrives, in place of HttpResponse::body, so
+// that large answers land straight where their reader wants them.
+class IBodySink {
+ public:
+  virtual ~IBodySink() = default;
+  // Called once before the first byte of each request's answer.
+  virtual void Begin() = 0;
+  virtual void Append(const char* data, size_t size) = 0;
+};
+
 struct HttpRequest {
   bool post = true;
   Qel::YString url;
   Qel::YString baseAddress;  // named in error texts
   const HttpHeaders* headers = nullptr;
   std::string_view body;
+  // When not empty: the body is these pieces one after the other (sent from
+  // where they lie, never joined), and `body` is ignored.
+  std::vector<std::string_view> bodyPieces;
+  IBodySink* sink = nullptr;  // when set, the answer's body goes here, not to HttpResponse::body
   long totalTimeout = 300;   // seconds, 0 = no limit
   long connectTimeout = 300;
   Qel::YString caFile;       // extra PEM trust besides the system's; empty for none

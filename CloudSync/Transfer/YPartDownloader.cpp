@@ -1,20 +1,34 @@
-// Download: the part list is cut into batches up front (each knows its file
-// offset); the calling thread and one helper thread per further connection
-// take the next batch in turn, fetch it and write each part at its offset.
-// The first failure stops everyone from taking more batches and is raised on
-// the calling thread once the helpers have ended.
+// Download pipeline. Invariants:
+// - Batches are cut up front; batch k is fetched by some fetcher into one of
+//   that fetcher's two buffers, then lands in `fetched` under its index.
+// - The calling thread takes batches strictly in index order (with the ones
+//   right after them that are already there, so their fingerprints are
+//   computed together), checks them and hands them to the writer in order.
+// - The writer writes in that order and gives each buffer back to its
+//   fetcher once written, so a fetcher never refills a buffer still in use.
+// - The first failure (fetch, check, write, cancel) sets `stop`; nothing
+//   after the failing batch is handed to the writer, everything before it is
+//   written, then the failure is raised on the calling thread.
 #include "CloudSync/Transfer/YPartDownloader.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <array>
 #include <cerrno>
+#include <condition_variable>
+#include <deque>
 #include <exception>
+#include <map>
+#include <memory>
 #include <mutex>
+#include <string>
 #include <thread>
 #include <utility>
 
+#include "CloudSync/Transfer/YPartsBuffer.h"
 #include "CloudSync/YCloudApi.h"
+#include "Qel/Crypto/YBbsHash.h"
 #include "Qel/Exception/YError.h"
 #include "Qel/Util/Util.h"
 
@@ -23,6 +37,8 @@ namespace CloudSync {
 namespace {
 
 constexpr const char *kFile = "CloudSync/Transfer/YPartDownloader";
+constexpr size_t kBuffersPerFetcher = 2;
+constexpr size_t kCheckedTogether = 16;  // parts whose fingerprints are computed in one go
 
 using Qel::YString;
 
@@ -40,8 +56,7 @@ std::vector<Batch> CutBatches(const MetadataInfo &entry) {
         batches.back().parts.size() >= kDownloadBatchParts) {
       batches.push_back(Batch{{}, offset, 0});
     }
-    // A fresh record per part: the same fingerprint may stand at two offsets,
-    // and the fetched bytes must not be shared with the caller's entry.
+    // A fresh record per part: the same fingerprint may stand at two offsets.
     auto copy = std::make_shared<PartInfo>();
     copy->fingerprint = part->fingerprint;
     copy->size = part->size;
@@ -59,38 +74,241 @@ std::vector<Batch> CutBatches(const MetadataInfo &entry) {
   return batches;
 }
 
-void WriteAll(int fd, const unsigned char *bytes, size_t size, uint64_t offset) {
-  size_t done = 0;
-  while (done < size) {
-    const ssize_t n = ::pwrite(fd, bytes + done, size - done, static_cast<off_t>(offset + done));
-    if (n < 0 && errno == EINTR) continue;
-    if (n < 0) QEL_RAISE_OS(kTransferLogType, errno, "writing a downloaded part", kFile, "Download");
-    done += static_cast<size_t>(n);
+// Writes parts at their offsets. Whole, page-aligned pages go through a
+// second, O_DIRECT descriptor of the same file: they reach the disk without
+// filling the page cache (whose fresh pages cost more than the copy itself
+// on many machines); anything else, and every write on a file system that
+// refuses O_DIRECT, goes through `fd`.
+class PartWriter {
+ public:
+  explicit PartWriter(int fd) : fd_(fd) {
+    const std::string self = "/proc/self/fd/" + std::to_string(fd);
+    direct_ = ::open(self.c_str(), O_WRONLY | O_DIRECT | O_CLOEXEC);
   }
-}
+  ~PartWriter() {
+    if (direct_ >= 0) ::close(direct_);
+  }
+  PartWriter(const PartWriter &) = delete;
+  PartWriter &operator=(const PartWriter &) = delete;
 
-void FetchAndWrite(YCloudApi &api, Batch &batch, uint64_t fileId, int fd) {
-  const size_t got = api.GetParts(batch.parts, fileId);
-  if (got != batch.parts.size()) {
-    YString text = "Failed to get parts: ";
-    for (const PartPtr &part : batch.parts) {
-      if (part->data.IsEmpty()) text += part->fingerprint + ", ";
+  void Write(const unsigned char *bytes, size_t size, uint64_t offset) {
+    if (direct_ >= 0 && Aligned(bytes, size, offset)) {
+      if (WriteAll(direct_, bytes, size, offset)) return;
+      if (errno != EINVAL) Fail();
+      ::close(direct_);  // the file system wants other alignments: stay with the page cache
+      direct_ = -1;
     }
-    QEL_RAISE(kTransferLogType, kPartsMissing, text, kFile, "Download");
+    if (!WriteAll(fd_, bytes, size, offset)) Fail();
   }
-  for (const PartPtr &part : batch.parts) {
-    // The client checked the bytes against the fingerprint; a part of the
-    // wrong length must not reach the file either.
-    if (part->data.GetCount() != part->size) {
-      QEL_RAISE(kTransferLogType, kPartMismatch,
-                part->fingerprint + ": " + Qel::Util::NumberToString(part->data.GetCount()) + " bytes received, " +
-                    Qel::Util::NumberToString(part->size) + " listed",
-                kFile, "Download");
+
+ private:
+  static bool Aligned(const unsigned char *bytes, size_t size, uint64_t offset) {
+    constexpr size_t kPage = YPartsBuffer::kAlignment;
+    return reinterpret_cast<uintptr_t>(bytes) % kPage == 0 && size % kPage == 0 && offset % kPage == 0;
+  }
+
+  static bool WriteAll(int fd, const unsigned char *bytes, size_t size, uint64_t offset) {
+    size_t done = 0;
+    while (done < size) {
+      const ssize_t n = ::pwrite(fd, bytes + done, size - done, static_cast<off_t>(offset + done));
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) return false;
+      done += static_cast<size_t>(n);
     }
-    WriteAll(fd, part->data.Get(), part->size, part->offset);
-    part->data.Resize(0);
+    return true;
   }
-}
+
+  [[noreturn]] static void Fail() {
+    QEL_RAISE_OS(kTransferLogType, errno, "writing a downloaded part", kFile, "Download");
+  }
+
+  int fd_;
+  int direct_ = -1;
+};
+
+// One fetched batch: where its bytes are, or why there are none.
+struct Fetched {
+  size_t fetcher = 0;
+  size_t slot = 0;
+  std::exception_ptr error;
+};
+
+class Pipeline {
+ public:
+  Pipeline(const MetadataInfo &entry, std::vector<Batch> &batches, int fd)
+      : entry_(entry), batches_(batches), writer_(fd) {}
+
+  void Run(const std::vector<YCloudApi *> &connections, const TransferProgressFn &progress,
+           const TransferCancelFn &cancelled) {
+    const size_t fetchers = std::min(connections.size(), batches_.size());
+    buffers_.resize(fetchers);
+    for (auto &slots : buffers_)
+      for (auto &slot : slots) slot.buffer = std::make_unique<YPartsBuffer>();
+    std::vector<std::thread> threads;
+    for (size_t i = 0; i < fetchers; ++i) threads.emplace_back([this, i, &connections] { Fetch(i, *connections[i]); });
+    threads.emplace_back([this] { WriteInOrder(); });
+    std::exception_ptr failure;
+    try {
+      Check(progress, cancelled);
+    } catch (...) {
+      failure = std::current_exception();
+    }
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      stop_ = true;  // fetchers end; the writer drains what it was given, then ends
+    }
+    wake_.notify_all();
+    for (std::thread &t : threads) t.join();
+    if (failure) std::rethrow_exception(failure);
+    if (write_error_) std::rethrow_exception(write_error_);
+  }
+
+ private:
+  struct Slot {
+    std::unique_ptr<YPartsBuffer> buffer;
+    bool busy = false;
+  };
+  struct Checked {
+    size_t index;
+    Fetched where;
+  };
+
+  void Fetch(size_t fetcher, YCloudApi &api) {
+    while (true) {
+      size_t index = 0, slot = 0;
+      {
+        std::unique_lock<std::mutex> lock(mutex_);
+        wake_.wait(lock, [&] { return stop_ || FreeSlot(fetcher) < kBuffersPerFetcher; });
+        if (stop_ || next_ >= batches_.size()) return;
+        index = next_++;
+        slot = FreeSlot(fetcher);
+        buffers_[fetcher][slot].busy = true;
+      }
+      Fetched got{fetcher, slot, nullptr};
+      try {
+        api.ReceiveParts(batches_[index].parts, entry_.id, *buffers_[fetcher][slot].buffer);
+      } catch (...) {
+        got.error = std::current_exception();
+      }
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        fetched_[index] = got;
+      }
+      wake_.notify_all();
+      if (got.error) return;
+    }
+  }
+
+  size_t FreeSlot(size_t fetcher) const {
+    for (size_t s = 0; s < kBuffersPerFetcher; ++s)
+      if (!buffers_[fetcher][s].busy) return s;
+    return kBuffersPerFetcher;
+  }
+
+  // The calling thread: takes batches in order, checks them, hands them on.
+  void Check(const TransferProgressFn &progress, const TransferCancelFn &cancelled) {
+    uint64_t done = 0, reported = 0;
+    size_t expected = 0;
+    while (expected < batches_.size()) {
+      if (cancelled && cancelled()) QEL_RAISE(kTransferLogType, kTransferCancelled, entry_.path, kFile, "Download");
+      std::vector<Checked> group;
+      {
+        std::unique_lock<std::mutex> lock(mutex_);
+        wake_.wait(lock, [&] { return fetched_.count(expected) > 0 || write_error_; });
+        if (write_error_) return;
+        size_t parts = 0;
+        for (size_t k = expected; fetched_.count(k) > 0; ++k) {
+          if (!group.empty() && parts + batches_[k].parts.size() > kCheckedTogether) break;
+          group.push_back({k, fetched_[k]});
+          fetched_.erase(k);
+          parts += batches_[k].parts.size();
+          if (group.back().where.error) break;
+        }
+      }
+      // Fingerprints of every part the group received, computed together.
+      std::vector<const unsigned char *> bytes;
+      std::vector<size_t> sizes;
+      for (const Checked &c : group) {
+        if (c.where.error) break;
+        const YPartsBuffer &buffer = *buffers_[c.where.fetcher][c.where.slot].buffer;
+        for (const PartPtr &part : batches_[c.index].parts) {
+          size_t size = 0;
+          bytes.push_back(buffer.Find(part->fingerprint, size));  // null: the answer left it out
+          sizes.push_back(size);
+        }
+      }
+      const std::vector<YString> computed = Qel::Crypto::YBbsHash::Fingerprints(bytes.data(), sizes.data(), bytes.size());
+      size_t at = 0;
+      for (const Checked &c : group) {
+        if (progress) {
+          progress(TransferProgress{done, entry_.size, done - reported, 0});
+          reported = done;
+        }
+        if (c.where.error) std::rethrow_exception(c.where.error);
+        for (const PartPtr &part : batches_[c.index].parts) {
+          if (bytes[at] == nullptr) {
+            QEL_RAISE(kTransferLogType, kPartsMissing, "Failed to get parts: " + part->fingerprint + ", ", kFile,
+                      "Download");
+          }
+          YCloudApi::CheckPartBytes(*part, sizes[at], computed[at]);
+          ++at;
+        }
+        {
+          std::lock_guard<std::mutex> lock(mutex_);
+          to_write_.push_back(c);
+        }
+        wake_.notify_all();
+        done += batches_[c.index].bytes;
+        ++expected;
+      }
+    }
+  }
+
+  // The writer thread: writes checked batches in order, then frees their buffers.
+  void WriteInOrder() {
+    while (true) {
+      Checked c;
+      {
+        std::unique_lock<std::mutex> lock(mutex_);
+        wake_.wait(lock, [&] { return stop_ || !to_write_.empty(); });
+        if (to_write_.empty()) return;  // stopped, and nothing left to write
+        c = to_write_.front();
+        to_write_.pop_front();
+      }
+      try {
+        if (!write_error_) {
+          const YPartsBuffer &buffer = *buffers_[c.where.fetcher][c.where.slot].buffer;
+          for (const PartPtr &part : batches_[c.index].parts) {
+            size_t size = 0;
+            const unsigned char *bytes = buffer.Find(part->fingerprint, size);
+            writer_.Write(bytes, size, part->offset);
+          }
+        }
+      } catch (...) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        write_error_ = std::current_exception();
+        stop_ = true;
+      }
+      {
+        std::lock_guard<std::mutex> lock(mutex_);
+        buffers_[c.where.fetcher][c.where.slot].busy = false;
+      }
+      wake_.notify_all();
+    }
+  }
+
+  const MetadataInfo &entry_;
+  std::vector<Batch> &batches_;
+  PartWriter writer_;
+  std::vector<std::array<Slot, kBuffersPerFetcher>> buffers_;
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  size_t next_ = 0;                  // the next batch a fetcher takes
+  std::map<size_t, Fetched> fetched_;  // fetched, not yet taken by the calling thread
+  std::deque<Checked> to_write_;     // checked, in file order
+  std::exception_ptr write_error_;
+  bool stop_ = false;
+};
 
 }  // namespace
 
@@ -99,42 +317,9 @@ YPartDownloader::YPartDownloader(std::vector<YCloudApi *> connections) : connect
 void YPartDownloader::Download(const MetadataInfo &entry, int fd, const TransferProgressFn &progress,
                                const TransferCancelFn &cancelled) {
   std::vector<Batch> batches = CutBatches(entry);
-  std::atomic<size_t> next{0};
-  std::atomic<uint64_t> done{0};
-  std::atomic<bool> failed{false};
-  std::mutex error_mutex;
-  std::exception_ptr error;
-
-  auto work = [&](YCloudApi &api, bool caller) {
-    uint64_t reported = 0;
-    try {
-      while (!failed.load()) {
-        if (caller && cancelled && cancelled())
-          QEL_RAISE(kTransferLogType, kTransferCancelled, entry.path, kFile, "Download");
-        const size_t index = next.fetch_add(1);
-        if (index >= batches.size()) break;
-        if (caller && progress) {
-          const uint64_t now = done.load();
-          progress(TransferProgress{now, entry.size, now - reported, 0});
-          reported = now;
-        }
-        FetchAndWrite(api, batches[index], entry.id, fd);
-        done.fetch_add(batches[index].bytes);
-      }
-    } catch (...) {
-      failed = true;
-      std::lock_guard<std::mutex> lock(error_mutex);
-      if (!error) error = std::current_exception();
-    }
-  };
-
-  std::vector<std::thread> helpers;
-  for (size_t i = 1; i < connections_.size() && i < batches.size(); ++i) {
-    helpers.emplace_back(work, std::ref(*connections_[i]), false);
-  }
-  work(*connections_.front(), true);
-  for (std::thread &t : helpers) t.join();
-  if (error) std::rethrow_exception(error);
+  if (batches.empty()) return;
+  Pipeline pipeline(entry, batches, fd);
+  pipeline.Run(connections_, progress, cancelled);
 }
 
 }  // namespace CloudSync

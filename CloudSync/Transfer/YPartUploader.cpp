@@ -1,23 +1,27 @@
-// Upload: the calling thread reads and fingerprints the parts; one background
-// sender per connection sends a full batch while the caller goes on with the
-// next, so hashing here overlaps with the cloud's own checking of what it
-// receives. A sender fills its batch's part data from the file just before it
-// sends it and empties it right after, so only the batches in flight hold
-// bytes. Every fill checks that the file did not change since it was opened
-// (else 184), and the cloud checks every part's bytes against its
-// fingerprint. Batches are handed to the senders in turn and reported in the
-// same order on the calling thread.
+// Upload: the calling thread reads a batch of five parts in one go into a
+// buffer, fingerprints the five together and hands the batch to the next of
+// the background senders (one per connection), which asks the cloud what it
+// lacks and sends exactly those parts straight from that buffer. Meanwhile the
+// caller reads and fingerprints the next batch into the buffer the sender
+// gave back. So the bytes sent are the bytes fingerprinted, every buffer is
+// reused for the whole file, and only the batches in flight hold bytes. Every
+// read checks that the file did not change since it was opened (else 184),
+// and the cloud checks every part's bytes against its fingerprint. Batches
+// are reported in the order they were handed out, on the calling thread.
 #include "CloudSync/Transfer/YPartUploader.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <functional>
 #include <condition_variable>
 #include <exception>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -36,14 +40,6 @@ using Qel::YString;
 bool SameVersion(const struct stat &a, const struct stat &b) {
   return a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
 }
-
-// Empties the part bytes of a batch, also when the send failed.
-struct BatchDataRelease {
-  const PartList &batch;
-  ~BatchDataRelease() {
-    for (const PartPtr &part : batch) part->data.Resize(0);
-  }
-};
 
 // One open file: reads parts by offset and refuses (184) once the file is no
 // longer the version it was when opened (another size or modification time,
@@ -76,14 +72,6 @@ class PartSource {
     return done;
   }
 
-  void Fill(const PartList &batch) const {
-    for (const PartPtr &part : batch) {
-      part->data.Resize(part->size);
-      if (Read(part->data.Get(), part->size, part->offset) != part->size) Changed();
-    }
-    Check();
-  }
-
   void Check() const {
     struct stat now;
     if (::fstat(fd_, &now) != 0) QEL_RAISE_OS(kTransferLogType, errno, path_, kFile, function_);
@@ -102,16 +90,62 @@ class PartSource {
   struct stat opened_ {};
 };
 
+// The bytes of one batch: up to five parts, read in one go.
+class BatchBuffer {
+ public:
+  BatchBuffer() : bytes_(new unsigned char[kUploadBatchParts * kTransferPartSize]) {}
+  unsigned char *Data() { return bytes_.get(); }
+
+ private:
+  std::unique_ptr<unsigned char[]> bytes_;
+};
+
+struct Batch {
+  PartList parts;
+  std::vector<std::string_view> bytes;  // of each part, inside `buffer`
+  std::unique_ptr<BatchBuffer> buffer;
+  uint64_t bytesTotal = 0;
+  uint64_t doneAfter = 0;
+  size_t partsSent = 0;
+};
+
+// Reads the next batch at `offset` into `buffer` and fingerprints its parts
+// together. Empty at the end of the file.
+Batch ReadBatch(const PartSource &source, std::unique_ptr<BatchBuffer> buffer, uint64_t offset) {
+  Batch batch;
+  const size_t read = source.Read(buffer->Data(), kUploadBatchParts * kTransferPartSize, offset);
+  std::vector<const unsigned char *> starts;
+  std::vector<size_t> sizes;
+  for (size_t at = 0; at < read; at += kTransferPartSize) {
+    starts.push_back(buffer->Data() + at);
+    sizes.push_back(std::min(kTransferPartSize, read - at));
+  }
+  const std::vector<YString> fingerprints = Qel::Crypto::YBbsHash::Fingerprints(starts.data(), sizes.data(), starts.size());
+  for (size_t i = 0; i < starts.size(); ++i) {
+    auto part = std::make_shared<PartInfo>();
+    part->fingerprint = fingerprints[i];
+    part->size = static_cast<uint32_t>(sizes[i]);
+    part->offset = offset + (starts[i] - buffer->Data());
+    batch.parts.push_back(std::move(part));
+    batch.bytes.emplace_back(reinterpret_cast<const char *>(starts[i]), sizes[i]);
+  }
+  source.Check();  // the bytes read are the version that was opened
+  batch.bytesTotal = read;
+  batch.doneAfter = offset + read;
+  batch.buffer = std::move(buffer);
+  return batch;
+}
+
 // Hands upload batches to one background thread, one batch at a time; the
-// thread fills the batch's part data, sends it and empties it. Send first
-// waits for the batch before (rethrowing its failure) and reports it through
-// `onSent` on the calling thread.
+// thread sends it. Send first waits for the batch before (rethrowing its
+// failure), reports it through `onSent` on the calling thread and gives its
+// buffer back for the next read.
 class BatchSender {
  public:
   using SentCallback = std::function<void(uint64_t bytes, uint64_t doneAfter, size_t partsSent)>;
 
-  BatchSender(YCloudApi &api, const PartSource &source, SentCallback onSent)
-      : api_(api), source_(source), on_sent_(std::move(onSent)), thread_([this] { Run(); }) {}
+  BatchSender(YCloudApi &api, SentCallback onSent)
+      : api_(api), on_sent_(std::move(onSent)), thread_([this] { Run(); }) {}
 
   // A batch still in flight ends first (its failure no longer matters: an
   // error is already on its way); nothing queued is sent any more.
@@ -126,54 +160,47 @@ class BatchSender {
   BatchSender(const BatchSender &) = delete;
   BatchSender &operator=(const BatchSender &) = delete;
 
-  void Send(PartList batch, uint64_t bytes, uint64_t doneAfter) {
-    Finish();
+  // Returns a buffer for the caller's next read.
+  std::unique_ptr<BatchBuffer> Send(Batch batch) {
+    std::unique_ptr<BatchBuffer> free = Finish();
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      job_ = Job{std::move(batch), bytes, doneAfter};
+      job_ = std::move(batch);
       busy_ = true;
     }
     wake_.notify_all();
+    return free ? std::move(free) : std::make_unique<BatchBuffer>();
   }
 
-  // Waits for the batch in flight, if any, and reports it.
-  void Finish() {
+  // Waits for the batch in flight, if any, reports it and returns its buffer.
+  std::unique_ptr<BatchBuffer> Finish() {
     std::unique_lock<std::mutex> lock(mutex_);
     wake_.wait(lock, [this] { return !busy_; });
-    if (!sent_) return;
-    const Job sent = std::move(*sent_);
+    if (!sent_) return nullptr;
+    Batch sent = std::move(*sent_);
     sent_.reset();
     std::exception_ptr error = std::exchange(error_, nullptr);
     lock.unlock();
     if (error) std::rethrow_exception(error);
-    on_sent_(sent.bytes, sent.done_after, sent.parts_sent);
+    on_sent_(sent.bytesTotal, sent.doneAfter, sent.partsSent);
+    return std::move(sent.buffer);
   }
 
  private:
-  struct Job {
-    PartList batch;
-    uint64_t bytes = 0;
-    uint64_t done_after = 0;
-    size_t parts_sent = 0;
-  };
-
   void Run() {
     std::unique_lock<std::mutex> lock(mutex_);
     while (true) {
       wake_.wait(lock, [this] { return stop_ || job_.has_value(); });
       if (stop_) return;
-      Job job = std::move(*job_);
+      Batch job = std::move(*job_);
       job_.reset();
       lock.unlock();
       std::exception_ptr error;
       try {
-        BatchDataRelease release{job.batch};
-        source_.Fill(job.batch);
-        job.parts_sent = api_.SendNeededParts(job.batch, 0);
+        job.partsSent = api_.SendParts(job.parts, job.bytes);
       } catch (...) {
         error = std::current_exception();
       }
-      job.batch.clear();
       lock.lock();
       error_ = error;
       sent_ = std::move(job);
@@ -183,39 +210,16 @@ class BatchSender {
   }
 
   YCloudApi &api_;
-  const PartSource &source_;
   SentCallback on_sent_;
   std::mutex mutex_;
   std::condition_variable wake_;
-  std::optional<Job> job_;   // handed over, not yet taken by the thread
-  std::optional<Job> sent_;  // done, not yet reported
+  std::optional<Batch> job_;   // handed over, not yet taken by the thread
+  std::optional<Batch> sent_;  // done, not yet reported
   std::exception_ptr error_;
   bool busy_ = false;
   bool stop_ = false;
   std::thread thread_;  // last: starts once everything above exists
 };
-
-// Cuts the file into parts and fingerprints them in order, calling
-// `onPart(part, doneAfter)` for each. SHA-1 runs on a helper thread when
-// `parallel` says so (see YBbsHash).
-template <typename OnPart>
-void CutParts(const PartSource &source, Qel::Crypto::YBbsHash &hash, OnPart onPart) {
-  std::unique_ptr<unsigned char[]> buffer(new unsigned char[kTransferPartSize]);
-  uint64_t offset = 0;
-  while (true) {
-    const size_t read = source.Read(buffer.get(), kTransferPartSize, offset);
-    if (read == 0) break;
-    hash.Update(buffer.get(), read);
-    auto part = std::make_shared<PartInfo>();
-    part->fingerprint = hash.Finalize();
-    part->size = static_cast<uint32_t>(read);
-    part->offset = offset;
-    offset += read;
-    onPart(part, offset);
-    if (read < kTransferPartSize) break;
-  }
-  if (offset != source.Size()) source.Changed();
-}
 
 }  // namespace
 
@@ -225,39 +229,30 @@ PartList YPartUploader::Upload(const YString &localFile, const TransferProgressF
                                const TransferCancelFn &cancelled, struct stat *stat) {
   const PartSource source(localFile, "Upload");
   const uint64_t total = source.Size();
-  // SHA-1 runs on a helper thread while MD5 runs here whenever a second core
-  // is free: with four cores or more, else while the cloud already holds the
-  // parts (then it is idle; otherwise it checks what it receives, on that
-  // core). Small files are not worth the thread.
-  const bool manyCores = std::thread::hardware_concurrency() >= 4;
-  Qel::Crypto::YBbsHash hash(total >= kTransferPartSize);
   auto onSent = [&](uint64_t bytes, uint64_t doneAfter, size_t partsSent) {
-    hash.SetParallel(total >= kTransferPartSize && (manyCores || partsSent == 0));
     if (progress) progress(TransferProgress{doneAfter, total, bytes, partsSent});
   };
   std::vector<std::unique_ptr<BatchSender>> senders;
-  for (YCloudApi *api : connections_) senders.push_back(std::make_unique<BatchSender>(*api, source, onSent));
+  const size_t wanted = std::max<size_t>(1, std::min<uint64_t>(connections_.size(),
+                                                               total / (kUploadBatchParts * kTransferPartSize) + 1));
+  for (size_t i = 0; i < wanted; ++i) senders.push_back(std::make_unique<BatchSender>(*connections_[i], onSent));
 
   PartList parts;
-  PartList batch;
-  uint64_t batchBytes = 0;
+  std::unique_ptr<BatchBuffer> buffer = std::make_unique<BatchBuffer>();
+  uint64_t offset = 0;
   size_t next = 0;  // the sender that takes the next batch
-  auto send = [&](uint64_t doneAfter) {
+  while (true) {
+    Batch batch = ReadBatch(source, std::move(buffer), offset);
+    if (batch.parts.empty()) break;
+    parts.insert(parts.end(), batch.parts.begin(), batch.parts.end());
+    offset = batch.doneAfter;
+    const bool last = batch.bytesTotal < kUploadBatchParts * kTransferPartSize;
     if (cancelled && cancelled()) QEL_RAISE(kTransferLogType, kTransferCancelled, localFile, kFile, "Upload");
-    senders[next]->Send(std::move(batch), batchBytes, doneAfter);
+    buffer = senders[next]->Send(std::move(batch));
     next = (next + 1) % senders.size();
-    batch.clear();
-    batchBytes = 0;
-  };
-  uint64_t doneAfter = 0;
-  CutParts(source, hash, [&](const PartPtr &part, uint64_t done) {
-    parts.push_back(part);
-    batch.push_back(part);
-    batchBytes += part->size;
-    doneAfter = done;
-    if (batch.size() == kUploadBatchParts) send(doneAfter);
-  });
-  if (!batch.empty()) send(doneAfter);
+    if (last) break;
+  }
+  if (offset != total) source.Changed();
   // Report the remaining batches in the order they were handed out.
   for (size_t i = 0; i < senders.size(); ++i) senders[(next + i) % senders.size()]->Finish();
   source.Check();
@@ -267,9 +262,17 @@ PartList YPartUploader::Upload(const YString &localFile, const TransferProgressF
 
 PartList FingerprintFile(const YString &localFile, struct stat *stat) {
   const PartSource source(localFile, "FingerprintFile");
-  Qel::Crypto::YBbsHash hash(source.Size() >= kTransferPartSize && std::thread::hardware_concurrency() >= 2);
   PartList parts;
-  CutParts(source, hash, [&](const PartPtr &part, uint64_t) { parts.push_back(part); });
+  std::unique_ptr<BatchBuffer> buffer = std::make_unique<BatchBuffer>();
+  uint64_t offset = 0;
+  while (true) {
+    Batch batch = ReadBatch(source, std::move(buffer), offset);
+    parts.insert(parts.end(), batch.parts.begin(), batch.parts.end());
+    offset = batch.doneAfter;
+    buffer = std::move(batch.buffer);
+    if (batch.bytesTotal < kUploadBatchParts * kTransferPartSize) break;
+  }
+  if (offset != source.Size()) source.Changed();
   source.Check();
   if (stat) *stat = source.Opened();
   return parts;

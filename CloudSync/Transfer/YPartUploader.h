@@ -6,8 +6,8 @@
 // question per batch and no bytes. The cloud file itself is not created: the
 // caller hands the returned list to YCloudApi::CreateFile or CreateFileIf.
 //
-// Memory: only the batches in flight hold bytes (one per connection), read
-// from the file right before they are sent, whatever the file's size.
+// Memory: one batch buffer per connection plus the one being read (5 MiB
+// each), reused for the whole file, whatever the file's size.
 //
 // Thread-safety: one Upload at a time per object; the connections are used
 // only from inside Upload, each by one thread.

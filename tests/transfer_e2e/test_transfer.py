@@ -195,3 +195,40 @@ def test_file_changed_during_put_is_refused(cloud, tmp_path):
     assert code == 184, err
     assert b"File changed while processing it: " + str(src).encode() in err
     assert cloud.entry("/logs/growing.log") is None
+
+
+def test_get_writes_odd_parts_and_stops_at_a_part_the_cloud_lost(cloud, tmp_path):
+    # Parts of whole pages (written past the page cache) with a short last one, and parts
+    # that are no multiple of a page, as another client may cut them (written through
+    # it): every byte lands where it belongs, on disk and on tmpfs when it is there.
+    data = pseudo_random(3 * MIB + 123, "odd parts")
+    folders = [tmp_path]
+    if pathlib.Path("/dev/shm").is_dir():
+        folders.append(pathlib.Path(f"/dev/shm/zarnu-odd-{os.getpid()}"))
+    for part_size in (256 * 1024, MIB - 1000):
+        cloud.client().put_file(f"/odd-{part_size}.bin", data, part_size=part_size)
+        for folder in folders:
+            target = folder / f"odd-{part_size}.bin"
+            try:
+                folder.mkdir(exist_ok=True)
+                get = cloud.cmd("get", f"/odd-{part_size}.bin", target)
+                assert get.returncode == 0, get.stderr
+                assert target.read_bytes() == data
+            finally:
+                target.unlink(missing_ok=True)
+                if folder != tmp_path:
+                    folder.rmdir()
+
+    # A file of 1 MiB parts whose fourth part the cloud lost: the three before it are
+    # written (several parts are fetched at once, but written in order), nothing after.
+    data = pseudo_random(8 * MIB, "lost part")
+    src = tmp_path / "lost.bin"
+    src.write_bytes(data)
+    assert cloud.cmd("put", src, "/").returncode == 0
+    lost = fingerprints_of(data)[3]
+    (cloud.proc.data_dir / "parts" / lost[:2] / lost).unlink()
+    back = tmp_path / "lost.back"
+    get = cloud.cmd("get", "/lost.bin", back)
+    assert get.returncode == 162, get.stderr
+    assert lost in get.stderr
+    assert back.read_bytes() == data[:3 * MIB]

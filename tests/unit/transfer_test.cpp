@@ -16,6 +16,7 @@
 #include "CloudSync/Codes.h"
 #include "CloudSync/Transfer/YPartDownloader.h"
 #include "CloudSync/Transfer/YPartUploader.h"
+#include "CloudSync/Transfer/YPartsBuffer.h"
 #include "CloudSync/YCloudApi.h"
 #include "cloud_service_support.h"
 
@@ -68,7 +69,7 @@ unsigned int CodeOf(const std::function<void()> &f) {
 TEST(FingerprintFile, CutsWholeMebibytesAndFingerprintsEachSlice) {
   CloudSync::RegisterErrorCodes();
   TempFolder folder;
-  for (size_t size : {size_t{0}, size_t{1}, kMiB, kMiB + 1, 3 * kMiB + kMiB / 2}) {
+  for (size_t size : {size_t{0}, size_t{1}, kMiB, kMiB + 1, 3 * kMiB + kMiB / 2, 6 * kMiB + 7}) {
     const std::string bytes = Pattern(size, static_cast<unsigned>(size));
     struct stat st {};
     const PartList parts = CloudSync::FingerprintFile(folder.Write("f", bytes), &st);
@@ -87,6 +88,45 @@ TEST(FingerprintFile, CutsWholeMebibytesAndFingerprintsEachSlice) {
     }
   }
   EXPECT_EQ(CodeOf([&] { CloudSync::FingerprintFile(folder.Path() + "/missing"); }), static_cast<unsigned>(ENOENT));
+}
+
+// Answers arrive in pieces cut anywhere, the manifest line included; the bytes
+// after it start on a page boundary and the memory stays from one answer to
+// the next.
+TEST(PartsBuffer, SplitsTheManifestFromPageAlignedBytesWhereverThePiecesEnd) {
+  CloudSync::YPartsBuffer buffer;
+  const std::string manifest = R"({"parts":[]})";
+  const std::string answer = manifest + "\n" + Pattern(3 * 4096 + 5, 9);
+  const unsigned char *first_block = nullptr;
+  for (size_t cut : {size_t{1}, size_t{5}, manifest.size(), manifest.size() + 1, size_t{5000}}) {
+    buffer.Clear();
+    buffer.Begin();
+    for (size_t at = 0; at < answer.size(); at += cut) {
+      buffer.Append(answer.data() + at, std::min(cut, answer.size() - at));
+    }
+    ASSERT_TRUE(buffer.ManifestEnded()) << cut;
+    EXPECT_EQ(buffer.Manifest(), manifest) << cut;
+    ASSERT_EQ(buffer.AnswerBytes(), answer.size() - manifest.size() - 1) << cut;
+    buffer.Record("f", buffer.AnswerStart(), buffer.AnswerBytes());
+    size_t size = 0;
+    const unsigned char *bytes = buffer.Find("f", size);
+    ASSERT_NE(bytes, nullptr);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(bytes) % CloudSync::YPartsBuffer::kAlignment, 0u);
+    EXPECT_EQ(std::string(reinterpret_cast<const char *>(bytes), size), answer.substr(manifest.size() + 1));
+    if (first_block == nullptr) first_block = bytes;
+    EXPECT_EQ(bytes, first_block) << "the block was not reused";
+  }
+  // A second answer after the first: its bytes follow the first one's.
+  buffer.Begin();
+  buffer.Append("{}\nxyz", 6);
+  EXPECT_EQ(buffer.AnswerStart(), answer.size() - manifest.size() - 1);
+  EXPECT_EQ(buffer.AnswerText(), "{}\nxyz");
+  // A manifest line longer than any real one stops the buffer, it does not grow without end.
+  buffer.Clear();
+  buffer.Begin();
+  const std::string endless(100 * 1024, 'x');
+  buffer.Append(endless.data(), endless.size());
+  EXPECT_TRUE(buffer.Overflowed());
 }
 
 class TransferService : public ::testing::Test {

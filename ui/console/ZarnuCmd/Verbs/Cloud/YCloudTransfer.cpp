@@ -33,6 +33,12 @@ constexpr const char* kFile = "ui/console/ZarnuCmd/Verbs/Cloud/YCloudVerbModule"
 constexpr unsigned int kLogType = 198;
 
 constexpr uint32_t kListAllParts = 0x40000000;
+// Requests on their way at once. A download keeps three (one being answered
+// while another is sent and a third is checked); an upload two, each holding
+// a batch of 5 MiB, which keep the cloud checking one batch while it stores
+// the other and hold the memory of the whole transfer under 32 MiB.
+constexpr size_t kDownloadConnections = 3;
+constexpr size_t kUploadConnections = 2;
 
 using CloudSync::PartList;
 using Qel::YString;
@@ -89,6 +95,13 @@ YString HeadFolderName(const CloudSync::MetadataInfo& head, const YString& local
 
 }  // namespace
 
+std::vector<CloudSync::YCloudApi*> YCloudVerbModule::TransferConnections(size_t count) {
+  while (extra_connections_.size() + 1 < count) extra_connections_.push_back(GetApi().Clone());
+  std::vector<CloudSync::YCloudApi*> all{&GetApi()};
+  for (size_t i = 0; i + 1 < count; ++i) all.push_back(extra_connections_[i].get());
+  return all;
+}
+
 void YCloudVerbModule::UploadAt(const YString& localPathGiven, const YString& cloudFolder, bool recurse,
                                 bool quiet) {
   const YString localPath = ResolveDotNames(localPathGiven);
@@ -126,7 +139,7 @@ void YCloudVerbModule::PutFileParts(const YString& localFile, const YString& clo
   Qel::Log::YConsoleLogger& out = GetApp()->GetLogger();
   if (!quiet) out << localFile << " -> " << cloudFile << Ctl::EndLine;
   meter.Start();
-  CloudSync::YPartUploader uploader({&GetApi()});
+  CloudSync::YPartUploader uploader(TransferConnections(kUploadConnections));
   const PartList parts = uploader.Upload(localFile, [&](const CloudSync::TransferProgress& p) {
     meter.ReportData(p.bytes);
     if (!quiet) {
@@ -188,7 +201,7 @@ void YCloudVerbModule::DownloadAt(const YString& cloudPath, const YString& local
       file.Open(target, Qel::File::YFile::kWrite | Qel::File::YFile::kCreateNew);
       Qel::Util::YThroughputTimer meter("zarnucmd get parts", 50, 20);
       meter.Start();
-      CloudSync::YPartDownloader downloader({&GetApi()});
+      CloudSync::YPartDownloader downloader(TransferConnections(kDownloadConnections));
       downloader.Download(entry, file.GetDescriptor(), [&](const CloudSync::TransferProgress& p) {
         meter.ReportData(p.bytes);
         if (!quiet) {

@@ -65,6 +65,7 @@ void YCloudVerbModule::Prepare(unsigned int& exitCode) {
       "zarnucmd", GetOptionValue(options, "cloudAddress", CloudSync::GetDefaultCloudAddress()));
   api->ApplyConfig(config_db_);
   api_ = std::move(api);
+  extra_connections_.clear();  // copies of the client this replaces
 
   username_ = GetOptionValue(options, "username", "");
   password_ = GetOptionValue(options, "password", "");

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <memory>
+#include <vector>
 
 #include "CloudSync/YCloudApi.h"
 #include "CloudSync/YConfigDb.h"
@@ -37,6 +38,10 @@ class YCloudVerbModule : public YZarnuCmdVerbModule {
   void DownloadAt(const Qel::YString& cloudPath, const Qel::YString& localPath, bool recurse, bool quiet);
 
   CloudSync::YCloudApi& GetApi() const { return *api_; }
+  // The logged-in client and copies of it, `count` in all, for transfers that
+  // keep several requests on their way at once. The copies live as long as
+  // the client. REQUIRES: count >= 1.
+  std::vector<CloudSync::YCloudApi*> TransferConnections(size_t count);
   CloudSync::YConfigDb& GetConfigDb() { return config_db_; }
   const Qel::YString& GetUsername() const { return username_; }
   const Qel::YString& GetPassword() const { return password_; }
@@ -44,6 +49,7 @@ class YCloudVerbModule : public YZarnuCmdVerbModule {
 
  private:
   std::shared_ptr<CloudSync::YCloudApi> api_;
+  std::vector<std::unique_ptr<CloudSync::YCloudApi>> extra_connections_;
   CloudSync::YConfigDb config_db_;
   Qel::YString username_;
   Qel::YString password_;

@@ -9,7 +9,6 @@ each command's wall time and peak memory (GNU time's %M).
 """
 import argparse
 import filecmp
-import json
 import os
 import pathlib
 import shutil
@@ -17,43 +16,9 @@ import signal
 import subprocess
 import sys
 import tempfile
-import time
-import urllib.request
 
-MIB = 1 << 20
-
-
-def start_cloud(exe, data):
-    proc = subprocess.Popen([exe, "serve", "--data", str(data), "--listen", "127.0.0.1:0", "--http"],
-                            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
-    line = proc.stdout.readline()
-    if not line.startswith("listening on "):
-        proc.kill()
-        sys.exit(f"zarnu-cloud did not start: {line!r}")
-    return proc, line.split()[-1]
-
-
-def get_json(url, body=None):
-    data = None if body is None else json.dumps(body).encode()
-    req = urllib.request.Request(url, data=data, headers={"Content-Type": "application/json"})
-    with urllib.request.urlopen(req, timeout=60) as answer:
-        return json.load(answer)
-
-
-def hash_rate(helper, mib):
-    return float(subprocess.run([helper, str(mib)], check=True, capture_output=True, text=True).stdout)
-
-
-def timed(cmd, env):
-    """Runs cmd under GNU time; returns (seconds, peak KiB)."""
-    with tempfile.NamedTemporaryFile("r") as mem:
-        start = time.monotonic()
-        result = subprocess.run(["/usr/bin/time", "-f", "%M", "-o", mem.name, *cmd], env=env,
-                                stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True)
-        seconds = time.monotonic() - start
-        if result.returncode != 0:
-            sys.exit(f"{' '.join(cmd)} failed ({result.returncode}): {result.stderr.strip()}")
-        return seconds, int(mem.read().strip().splitlines()[-1])
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
+from benchlib import MIB, get_json, hash_rate, start_cloud, timed  # noqa: E402
 
 
 def main():

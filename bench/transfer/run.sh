@@ -23,11 +23,7 @@ if [ ! -x /usr/bin/time ]; then
   exit 2
 fi
 
-helper="$build/bench-transfer-hashrate"
-if [ ! -x "$helper" ] || [ "$repo/bench/transfer/hashrate.cpp" -nt "$helper" ] || [ "$build/lib/libQel.so" -nt "$helper" ]; then
-  g++ -std=c++20 -O2 -I"$repo/libqel" "$repo/bench/transfer/hashrate.cpp" -o "$helper" \
-    -L"$build/lib" -lQel -Wl,-rpath,"$build/lib"
-fi
+. "$repo/bench/hashrate.sh"
 
 args=(--bin "$build/bin" --helper "$helper" --size-mib "$size_mib")
 if [ -n "${BENCH_WORK:-}" ]; then args+=(--work "$BENCH_WORK"); fi

@@ -1,0 +1,153 @@
+#!/usr/bin/python3
+"""zarnucmd put and get side by side with rclone (WebDAV on loopback) and restic (a local
+repository), on the same random file, in one run.
+
+Each run starts from nothing: a new zarnu-cloud data folder and account, a new rclone
+server folder, a new restic repository. Figures are medians over the runs; peak memory
+is the highest of the runs (GNU time's %M). The single-core MD5+SHA-1 rate is measured
+before and after, for scale.
+"""
+import argparse
+import os
+import pathlib
+import re
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
+from benchlib import MIB, add_user, get_json, hash_rate, random_file, same_bytes, start_cloud, stop, timed  # noqa: E402
+
+
+def start_rclone_webdav(folder, env):
+    """`rclone serve webdav` on 127.0.0.1 and a free port; returns (process, address)."""
+    proc = subprocess.Popen(["rclone", "serve", "webdav", str(folder), "--addr", "127.0.0.1:0"],
+                            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, env=env)
+    for line in proc.stderr:
+        found = re.search(r"started on (http://[0-9.:]+/)", line)
+        if found:
+            # Keep reading its log so that it never blocks on a full pipe.
+            subprocess.Popen(["cat"], stdin=proc.stderr, stdout=subprocess.DEVNULL)
+            return proc, found.group(1)
+    stop(proc)
+    sys.exit("rclone serve webdav did not start")
+
+
+def one_run(args, work, src, env):
+    """Returns {figure: (seconds, peak KiB)} and the zarnu service counters of put again."""
+    out = {}
+    run = pathlib.Path(tempfile.mkdtemp(prefix="run-", dir=work))
+    try:
+        # rclone: up to its WebDAV server, then down from it.
+        served = run / "webdav"
+        served.mkdir()
+        server, address = start_rclone_webdav(served, env)
+        try:
+            remote = f":webdav,url='{address}':"
+            out["rclone up"] = timed(["rclone", "copy", str(src), remote], env)
+            down = run / "rclone-down"
+            out["rclone down"] = timed(["rclone", "copy", remote + src.name, str(down)], env)
+        finally:
+            stop(server)
+        if not same_bytes(src, down / src.name):
+            sys.exit("rclone's download differs from the source")
+
+        # restic: a first backup and a forced one that reads everything again.
+        renv = dict(env, RESTIC_REPOSITORY=str(run / "restic"), RESTIC_PASSWORD="bench")
+        subprocess.run(["restic", "init"], env=renv, check=True, capture_output=True)
+        out["restic backup"] = timed(["restic", "backup", str(src)], renv)
+        out["restic backup --force"] = timed(["restic", "backup", "--force", str(src)], renv)
+
+        # zarnucmd against zarnu-cloud over plain HTTP.
+        cloud_exe = str(pathlib.Path(args.bin) / "zarnu-cloud")
+        data = run / "cloud-data"
+        add_user(cloud_exe, data, "bench", "bench-password")
+        cloud, address = start_cloud(cloud_exe, data)
+        try:
+            token = get_json(address + "api/v1/login", {"username": "bench", "password": "bench-password"})["token"]
+            zenv = dict(env, ZARNU_DATA=str(run / "zarnu-data"))
+            cmd = [str(pathlib.Path(args.bin) / "zarnucmd"), "Cloud"]
+            creds = ["-username=bench", "-authToken=" + token, "-cloudAddress=" + address]
+            back = run / "zarnu-back"
+            out["zarnucmd put"] = timed(cmd + ["put", str(src), "/bench"] + creds, zenv)
+            before = get_json(address + "api/v1/stats")
+            out["zarnucmd put again"] = timed(cmd + ["put", str(src), "/bench"] + creds, zenv)
+            after = get_json(address + "api/v1/stats")
+            out["zarnucmd get"] = timed(cmd + ["get", "/bench/" + src.name, str(back)] + creds, zenv)
+        finally:
+            stop(cloud)
+        if not same_bytes(src, back):
+            sys.exit("zarnucmd's download differs from the source")
+        again_sent = after["bytes_received"] - before["bytes_received"]
+        return out, again_sent
+    finally:
+        shutil.rmtree(run, ignore_errors=True)
+
+
+def main():
+    ap = argparse.ArgumentParser()
+    ap.add_argument("--bin", required=True, help="folder holding zarnucmd and zarnu-cloud")
+    ap.add_argument("--helper", required=True, help="the hashing-rate program")
+    ap.add_argument("--size-mib", type=int, default=1024)
+    ap.add_argument("--runs", type=int, default=3)
+    ap.add_argument("--work", default=None, help="work folder (default: a new one under /var/tmp)")
+    args = ap.parse_args()
+
+    work = pathlib.Path(args.work or tempfile.mkdtemp(prefix="zarnu-peers-bench-", dir="/var/tmp"))
+    work.mkdir(parents=True, exist_ok=True)
+    home = work / "home"
+    home.mkdir(exist_ok=True)
+    # Tools keep their settings and caches in this run's own home.
+    env = dict(os.environ, HOME=str(home), XDG_CACHE_HOME=str(home / ".cache"),
+               XDG_CONFIG_HOME=str(home / ".config"), RCLONE_CONFIG=str(home / "rclone.conf"))
+    src = work / "random.bin"
+    random_file(src, args.size_mib)
+
+    rate_before = hash_rate(args.helper)
+    runs, again_sent = [], []
+    for i in range(args.runs):
+        figures, sent = one_run(args, work, src, env)
+        runs.append(figures)
+        again_sent.append(sent)
+        print(f"run {i + 1}: " + ", ".join(f"{k} {s:.2f} s" for k, (s, _) in figures.items()), flush=True)
+    rate_after = hash_rate(args.helper)
+    if not args.work:
+        shutil.rmtree(work, ignore_errors=True)
+
+    size = args.size_mib * MIB
+    rate = max(rate_before, rate_after)
+    print(f"\nfile: {args.size_mib} MiB of random bytes; runs: {args.runs}; single-core MD5+SHA-1 "
+          f"{rate / MIB:.0f} MiB/s; load average {os.getloadavg()[0]:.2f}")
+    median = {k: statistics.median(r[k][0] for r in runs) for k in runs[0]}
+    peak = {k: max(r[k][1] for r in runs) for k in runs[0]}
+    print(f"{'figure':<24} {'median s':>9} {'MiB/s':>8} {'peak MiB':>9}")
+    for k in runs[0]:
+        print(f"{k:<24} {median[k]:9.2f} {size / median[k] / MIB:8.1f} {peak[k] / 1024:9.1f}")
+
+    checks = [
+        ("get / rclone down", median["zarnucmd get"] / median["rclone down"], 1.0),
+        ("put / rclone up", median["zarnucmd put"] / median["rclone up"], 0.7),
+        ("put again / restic backup --force", median["zarnucmd put again"] / median["restic backup --force"], 0.7),
+    ]
+    failures = []
+    print()
+    for label, ratio, goal in checks:
+        ok = ratio <= goal
+        print(f"{label:<36} {ratio:5.2f}  (goal at most {goal:.1f}) {'met' if ok else 'MISSED'}")
+        if not ok:
+            failures.append(label)
+    print(f"{'part bytes sent by put again':<36} {max(again_sent)}  (goal 0) {'met' if max(again_sent) == 0 else 'MISSED'}")
+    if max(again_sent) != 0:
+        failures.append("put again sent part bytes")
+    zarnu_peak = max(peak[k] for k in peak if k.startswith("zarnucmd")) / 1024
+    print(f"{'peak memory of zarnucmd':<36} {zarnu_peak:5.1f} MiB  (goal under 32) {'met' if zarnu_peak < 32 else 'MISSED'}")
+    if zarnu_peak >= 32:
+        failures.append("peak memory")
+    print("targets:", "met" if not failures else "MISSED: " + "; ".join(failures))
+    return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

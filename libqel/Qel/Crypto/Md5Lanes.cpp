@@ -3,13 +3,14 @@
 // The 64 steps of the compression function are written once, in Rounds<V>,
 // over a small struct V of lane operations: Scalar (one uint32_t), Lanes256
 // (AVX2, 8 lanes) and Lanes512 (AVX-512F, 16 lanes). Lane l of every vector
-// belongs to message l of the group.
+// belongs to message l of a group; HashGroup<V> drives a group of messages
+// through the lanes.
 //
 // The vector structs' functions carry GCC/Clang target attributes, so this
 // file builds for baseline x86-64. Vectors only cross calls by reference (a
 // vector passed by value from a function without the feature would change the
-// calling convention), and the two group entry points are `flatten`, so that
-// all the lane operations are inlined into a function built for their target.
+// calling convention), and the group entry points are `flatten`, so that all
+// the lane operations are inlined into a function built for their target.
 #include "Qel/Crypto/Md5Lanes.h"
 
 #include <algorithm>
@@ -58,22 +59,38 @@ constexpr int Word(int i) {
 // Step i of round r (r = i / 16) on words a, b, c, d is
 //   a = b + ((a + Fr(b, c, d) + w + k) <<< s)
 // with F0 = b ? c : d, F1 = d ? b : c, F2 = b ^ c ^ d, F3 = c ^ (b | ~d).
+// b is the newest word, so the steps form one chain through b; whatever does
+// not need b is summed first. F1 = (c & ~d) + (b & d), the two halves having
+// no bit in common, so that only one AND and one add wait for b.
 // Each V implements that step as
 //   template <int r, int s> static void Step(Vec& a, const Vec& b, const Vec& c, const Vec& d,
-//                                            const Vec& w, uint32_t k);
+//                                            const Vec& w, const Vec& k);
+
+// QEL_MD5_WHOLE(x): x as one term, which the compiler may not split to regroup
+// the sum it goes into; the steps add the term that waits for b to the sum of
+// the others. (GCC would otherwise add F early, one more add waiting for b.)
+#if defined(__has_builtin)
+#if __has_builtin(__builtin_assoc_barrier)
+#define QEL_MD5_WHOLE(x) __builtin_assoc_barrier(x)
+#endif
+#endif
+#ifndef QEL_MD5_WHOLE
+#define QEL_MD5_WHOLE(x) (x)
+#endif
 
 // Runs the 64 steps on s = {a, b, c, d}; the caller adds the result to its state.
 // The four words rotate roles each step: step i's `a` is s[-i mod 4].
 template <class V, int... i>
-inline void RunSteps(typename V::Vec* s, const typename V::Vec* w, std::integer_sequence<int, i...>) {
+inline void RunSteps(typename V::Vec* s, const typename V::Vec* w, const typename V::Vec* k,
+                     std::integer_sequence<int, i...>) {
   (V::template Step<i / 16, kShift[i / 16][i % 4]>(s[(64 - i) % 4], s[(65 - i) % 4], s[(66 - i) % 4],
-                                                   s[(67 - i) % 4], w[Word(i)], kSine[i]),
+                                                   s[(67 - i) % 4], w[Word(i)], k[i]),
    ...);
 }
 
 template <class V>
-inline void Rounds(typename V::Vec* s, const typename V::Vec* w) {
-  RunSteps<V>(s, w, std::make_integer_sequence<int, 64>());
+inline void Rounds(typename V::Vec* s, const typename V::Vec* w, const typename V::Vec* k) {
+  RunSteps<V>(s, w, k, std::make_integer_sequence<int, 64>());
 }
 
 struct Scalar {
@@ -81,13 +98,14 @@ struct Scalar {
 
   template <int r, int s>
   [[gnu::always_inline]] static void Step(Vec& a, const Vec& b, const Vec& c, const Vec& d, const Vec& w,
-                                          uint32_t k) {
-    Vec f;
-    if constexpr (r == 0) f = d ^ (b & (c ^ d));
-    else if constexpr (r == 1) f = c ^ (d & (b ^ c));
-    else if constexpr (r == 2) f = b ^ c ^ d;
-    else f = c ^ (b | ~d);
-    a = b + std::rotl(f + (a + w + k), s);
+                                          const Vec& k) {
+    const Vec sum = a + w + k;
+    Vec t;
+    if constexpr (r == 0) t = QEL_MD5_WHOLE(sum) + (d ^ (b & (c ^ d)));
+    else if constexpr (r == 1) t = QEL_MD5_WHOLE(sum + (c & ~d)) + (b & d);
+    else if constexpr (r == 2) t = QEL_MD5_WHOLE(sum) + (b ^ c ^ d);
+    else t = QEL_MD5_WHOLE(sum) + (c ^ (b | ~d));
+    a = b + std::rotl(t, s);
   }
 };
 
@@ -101,7 +119,7 @@ void CompressBlocks(uint32_t* state, const unsigned char* p, size_t blocks) {
     uint32_t w[16];
     for (int j = 0; j < 16; ++j) w[j] = LoadLe(p + 4 * j);
     uint32_t s[4] = {state[0], state[1], state[2], state[3]};
-    Rounds<Scalar>(s, w);
+    Rounds<Scalar>(s, w, kSine);
     for (int j = 0; j < 4; ++j) state[j] += s[j];
   }
 }
@@ -137,17 +155,19 @@ void HashOne(const unsigned char* message, size_t size, Md5Digest* out) {
 struct Lanes256 {
   static constexpr size_t kLanes = 8;
   using Vec = __m256i;
-  using Mask = __m256i;  // all ones in the lanes that take a block, zeros elsewhere
 
   template <int r, int s>
   [[gnu::target("avx2")]] static void Step(Vec& a, const Vec& b, const Vec& c, const Vec& d, const Vec& w,
-                                           uint32_t k) {
-    Vec f;
-    if constexpr (r == 0) f = _mm256_xor_si256(d, _mm256_and_si256(b, _mm256_xor_si256(c, d)));
-    else if constexpr (r == 1) f = _mm256_xor_si256(c, _mm256_and_si256(d, _mm256_xor_si256(b, c)));
-    else if constexpr (r == 2) f = _mm256_xor_si256(b, _mm256_xor_si256(c, d));
-    else f = _mm256_xor_si256(c, _mm256_or_si256(b, _mm256_xor_si256(d, _mm256_set1_epi32(-1))));
-    Vec t = _mm256_add_epi32(f, _mm256_add_epi32(a, _mm256_add_epi32(w, _mm256_set1_epi32(static_cast<int>(k)))));
+                                           const Vec& k) {
+    const Vec sum = _mm256_add_epi32(a, _mm256_add_epi32(w, k));
+    Vec rest = sum, last;  // t = rest + last, last waiting for b
+    if constexpr (r == 0) last = _mm256_xor_si256(d, _mm256_and_si256(b, _mm256_xor_si256(c, d)));
+    else if constexpr (r == 1) {
+      rest = _mm256_add_epi32(sum, _mm256_andnot_si256(d, c));
+      last = _mm256_and_si256(b, d);
+    } else if constexpr (r == 2) last = _mm256_xor_si256(b, _mm256_xor_si256(c, d));
+    else last = _mm256_xor_si256(c, _mm256_or_si256(b, _mm256_xor_si256(d, _mm256_set1_epi32(-1))));
+    Vec t = _mm256_add_epi32(QEL_MD5_WHOLE(rest), last);
     t = _mm256_or_si256(_mm256_slli_epi32(t, s), _mm256_srli_epi32(t, 32 - s));
     a = _mm256_add_epi32(b, t);
   }
@@ -155,18 +175,22 @@ struct Lanes256 {
   // Words [8h, 8h + 8) of lane l's block at p[l] into w[8h + j], lane l.
   [[gnu::target("avx2")]] static void Transpose8(const unsigned char* const* p, int h, Vec* w) {
     Vec r[8], t[8];
+#pragma GCC unroll 16
     for (int l = 0; l < 8; ++l) r[l] = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p[l] + 32 * h));
+#pragma GCC unroll 16
     for (int i = 0; i < 4; ++i) {
       t[2 * i] = _mm256_unpacklo_epi32(r[2 * i], r[2 * i + 1]);
       t[2 * i + 1] = _mm256_unpackhi_epi32(r[2 * i], r[2 * i + 1]);
     }
     // r[4i + k], 128-bit half q: word 4q + k of lanes 4i .. 4i + 3.
+#pragma GCC unroll 16
     for (int i = 0; i < 2; ++i) {
       r[4 * i] = _mm256_unpacklo_epi64(t[4 * i], t[4 * i + 2]);
       r[4 * i + 1] = _mm256_unpackhi_epi64(t[4 * i], t[4 * i + 2]);
       r[4 * i + 2] = _mm256_unpacklo_epi64(t[4 * i + 1], t[4 * i + 3]);
       r[4 * i + 3] = _mm256_unpackhi_epi64(t[4 * i + 1], t[4 * i + 3]);
     }
+#pragma GCC unroll 16
     for (int k = 0; k < 4; ++k) {
       w[8 * h + k] = _mm256_permute2x128_si256(r[k], r[4 + k], 0x20);
       w[8 * h + 4 + k] = _mm256_permute2x128_si256(r[k], r[4 + k], 0x31);
@@ -181,14 +205,7 @@ struct Lanes256 {
 
   [[gnu::target("avx2")]] static void Broadcast(Vec& v, uint32_t x) { v = _mm256_set1_epi32(static_cast<int>(x)); }
 
-  [[gnu::target("avx2")]] static void MaskOf(Mask& m, unsigned lanes) {
-    const Vec bit = _mm256_setr_epi32(1, 2, 4, 8, 16, 32, 64, 128);
-    m = _mm256_cmpeq_epi32(_mm256_and_si256(_mm256_set1_epi32(static_cast<int>(lanes)), bit), bit);
-  }
-
-  [[gnu::target("avx2")]] static void AddMasked(Vec& state, const Vec& sum, const Mask& m) {
-    state = _mm256_add_epi32(state, _mm256_and_si256(sum, m));
-  }
+  [[gnu::target("avx2")]] static void Add(Vec& x, const Vec& y) { x = _mm256_add_epi32(x, y); }
 
   [[gnu::target("avx2")]] static void Store(uint32_t* out, const Vec& v) {
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(out), v);
@@ -198,28 +215,34 @@ struct Lanes256 {
 struct Lanes512 {
   static constexpr size_t kLanes = 16;
   using Vec = __m512i;
-  using Mask = __mmask16;  // bit l set: lane l takes a block
 
-  // vpternlogd truth tables, operands (b, c, d).
-  static constexpr int kMix[4] = {0xca, 0xe4, 0x96, 0x39};
+  // vpternlogd truth tables of F0..F3 with the operands in the order (d, b, c):
+  // the instruction overwrites its first operand, and d, unlike b, is not the
+  // result of the step just before, so copying it is off the critical path.
+  static constexpr int kMix[4] = {0xb8, 0xca, 0x96, 0x65};
 
   template <int r, int s>
   [[gnu::target("avx512f")]] static void Step(Vec& a, const Vec& b, const Vec& c, const Vec& d, const Vec& w,
-                                              uint32_t k) {
-    const Vec f = _mm512_ternarylogic_epi32(b, c, d, kMix[r]);
-    const Vec t = _mm512_add_epi32(f, _mm512_add_epi32(a, _mm512_add_epi32(w, _mm512_set1_epi32(static_cast<int>(k)))));
+                                              const Vec& k) {
+    constexpr int mix = kMix[r];  // an immediate operand, also in unoptimized builds
+    const Vec f = _mm512_ternarylogic_epi32(d, b, c, mix);
+    const Vec sum = _mm512_add_epi32(a, _mm512_add_epi32(w, k));
+    const Vec t = _mm512_add_epi32(QEL_MD5_WHOLE(sum), f);
     a = _mm512_add_epi32(b, _mm512_rol_epi32(t, s));
   }
 
   // w[j], lane l = word j of the 64-byte block at p[l]: a 16 x 16 transpose.
   [[gnu::target("avx512f")]] static void Load(const unsigned char* const* p, Vec* w) {
     Vec r[16], t[16];
+#pragma GCC unroll 16
     for (int l = 0; l < 16; ++l) r[l] = _mm512_loadu_si512(p[l]);
+#pragma GCC unroll 16
     for (int i = 0; i < 8; ++i) {
       t[2 * i] = _mm512_unpacklo_epi32(r[2 * i], r[2 * i + 1]);
       t[2 * i + 1] = _mm512_unpackhi_epi32(r[2 * i], r[2 * i + 1]);
     }
     // r[4i + k], 128-bit quarter q: word 4q + k of lanes 4i .. 4i + 3.
+#pragma GCC unroll 16
     for (int i = 0; i < 4; ++i) {
       r[4 * i] = _mm512_unpacklo_epi64(t[4 * i], t[4 * i + 2]);
       r[4 * i + 1] = _mm512_unpackhi_epi64(t[4 * i], t[4 * i + 2]);
@@ -227,6 +250,7 @@ struct Lanes512 {
       r[4 * i + 3] = _mm512_unpackhi_epi64(t[4 * i + 1], t[4 * i + 3]);
     }
     // A 4 x 4 transpose of quarters across r[k], r[4 + k], r[8 + k], r[12 + k].
+#pragma GCC unroll 16
     for (int k = 0; k < 4; ++k) {
       const Vec lo01 = _mm512_shuffle_i32x4(r[k], r[4 + k], 0x44);
       const Vec hi01 = _mm512_shuffle_i32x4(r[k], r[4 + k], 0xee);
@@ -243,11 +267,7 @@ struct Lanes512 {
     v = _mm512_set1_epi32(static_cast<int>(x));
   }
 
-  static void MaskOf(Mask& m, unsigned lanes) { m = static_cast<Mask>(lanes); }
-
-  [[gnu::target("avx512f")]] static void AddMasked(Vec& state, const Vec& sum, const Mask& m) {
-    state = _mm512_mask_add_epi32(state, m, state, sum);
-  }
+  [[gnu::target("avx512f")]] static void Add(Vec& x, const Vec& y) { x = _mm512_add_epi32(x, y); }
 
   [[gnu::target("avx512f")]] static void Store(uint32_t* out, const Vec& v) { _mm512_storeu_si512(out, v); }
 };
@@ -261,11 +281,13 @@ alignas(64) constexpr unsigned char kIdleBlock[kBlock] = {};
 // blocks of its tail (built here, so no message is read past its end). Its
 // blocks come from `next[l]` on, `left[l]` of them before its source changes;
 // `tail_left[l]` tail blocks follow once the message's blocks are done (0 once
-// the lane has moved to its tail). A lane outside `active` loads kIdleBlock
-// and keeps its state (the masked add). Between source changes every active
-// lane takes the same number of blocks, so the inner loop has no per-lane
-// tests. When one active lane is left, it is finished one block at a time
-// with the scalar steps rather than in a mostly idle vector.
+// the lane has moved to its tail). Between source changes every active lane
+// takes the same number of blocks, so the inner loop has no per-lane tests.
+// A lane's digest is taken from the state right after its last block; from
+// then on (and from the start in lanes without a message) the lane is outside
+// `active`: it loads kIdleBlock, and what it computes is never read. When one
+// active lane is left, it is finished with the scalar steps rather than in a
+// mostly idle vector.
 template <class V>
 void HashGroup(const unsigned char* const* messages, const size_t* sizes, size_t n, Md5Digest* out) {
   using Vec = typename V::Vec;
@@ -293,9 +315,9 @@ void HashGroup(const unsigned char* const* messages, const size_t* sizes, size_t
 
   Vec state[4];
   for (int j = 0; j < 4; ++j) V::Broadcast(state[j], kInit[j]);
+  Vec sine[64];  // kSine in every lane: a memory operand of the steps, not a broadcast per step
+  for (int i = 0; i < 64; ++i) V::Broadcast(sine[i], kSine[i]);
   alignas(64) uint32_t words[4][kLanes];  // state, lane by lane, when lanes finish
-  typename V::Mask mask;
-  V::MaskOf(mask, active);
 
   while (std::popcount(active) > 1) {
     size_t run = SIZE_MAX;
@@ -306,8 +328,9 @@ void HashGroup(const unsigned char* const* messages, const size_t* sizes, size_t
       Vec w[16];
       V::Load(next, w);
       Vec s[4] = {state[0], state[1], state[2], state[3]};
-      Rounds<V>(s, w);
-      for (int j = 0; j < 4; ++j) V::AddMasked(state[j], s[j], mask);
+      Rounds<V>(s, w, sine);
+      for (int j = 0; j < 4; ++j) V::Add(state[j], s[j]);
+#pragma GCC unroll 16
       for (size_t l = 0; l < kLanes; ++l) next[l] += stride[l];
     }
 
@@ -329,7 +352,6 @@ void HashGroup(const unsigned char* const* messages, const size_t* sizes, size_t
       next[l] = kIdleBlock;
       stride[l] = 0;
     }
-    V::MaskOf(mask, active);
   }
 
   if (active != 0) {
@@ -401,8 +423,16 @@ size_t Md5LaneWidth(Md5Engine engine) {
 
 void Md5Many(const unsigned char* const* messages, const size_t* sizes, size_t count, Md5Digest* out,
              Md5Engine engine) {
-  engine = Resolve(engine);
-  const size_t width = Md5LaneWidth(engine);
+  const Md5Engine run = Resolve(engine);
+  const size_t width = Md5LaneWidth(run);
+#if defined(__x86_64__)
+  // A block through 8 lanes of 256 bits takes about 3/4 of the time of one
+  // through 16 lanes of 512 bits (measured on AMD Zen 4, which runs 512-bit
+  // operations through 256-bit units), so kBest hashes groups of 8 messages
+  // or fewer with AVX2.
+  const bool short_groups_avx2 =
+      run == Md5Engine::kAvx512 && engine != run && Md5EngineAvailable(Md5Engine::kAvx2);
+#endif
   for (size_t i = 0; i < count; i += width) {
     const size_t n = std::min(width, count - i);
     if (n == 1) {
@@ -410,8 +440,10 @@ void Md5Many(const unsigned char* const* messages, const size_t* sizes, size_t c
       continue;
     }
 #if defined(__x86_64__)
-    if (engine == Md5Engine::kAvx512) HashGroupAvx512(messages + i, sizes + i, n, out + i);
-    else HashGroupAvx2(messages + i, sizes + i, n, out + i);
+    if (run == Md5Engine::kAvx512 && !(short_groups_avx2 && n <= 8))
+      HashGroupAvx512(messages + i, sizes + i, n, out + i);
+    else
+      HashGroupAvx2(messages + i, sizes + i, n, out + i);
 #endif
   }
 }

@@ -22,7 +22,8 @@ struct Md5Digest {
 };
 
 enum class Md5Engine {
-  kBest,    // the widest engine this CPU can run
+  kBest,    // the widest engine this CPU can run, except that groups of 8
+            // messages or fewer go through AVX2 (faster than half-idle AVX-512)
   kScalar,  // one message at a time, plain C++
   kAvx2,    // 8 messages side by side
   kAvx512,  // 16 messages side by side (AVX-512F)
@@ -32,7 +33,8 @@ enum class Md5Engine {
 // always can; the vector engines exist only in x86-64 builds.
 bool Md5EngineAvailable(Md5Engine engine);
 
-// How many messages Md5Many hashes side by side with `engine`: 1, 8 or 16.
+// How many messages Md5Many hashes side by side with `engine`, at most: 1, 8
+// or 16.
 // kBest, or an engine this CPU cannot run, resolves to the widest available.
 size_t Md5LaneWidth(Md5Engine engine = Md5Engine::kBest);
 

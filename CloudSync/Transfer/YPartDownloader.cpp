@@ -28,7 +28,8 @@
 
 #include "CloudSync/Transfer/YPartsBuffer.h"
 #include "CloudSync/YCloudApi.h"
-#include "Qel/Crypto/YBbsHash.h"
+#include "Qel/Crypto/YMd5.h"
+#include "Qel/Crypto/YSha1.h"
 #include "Qel/Exception/YError.h"
 #include "Qel/Util/Util.h"
 
@@ -37,7 +38,7 @@ namespace CloudSync {
 namespace {
 
 constexpr const char *kFile = "CloudSync/Transfer/YPartDownloader";
-constexpr size_t kBuffersPerFetcher = 2;
+constexpr size_t kBuffersPerFetcher = 3;
 constexpr size_t kCheckedTogether = 16;  // parts whose fingerprints are computed in one go
 
 using Qel::YString;
@@ -141,6 +142,7 @@ class Pipeline {
   void Run(const std::vector<YCloudApi *> &connections, const TransferProgressFn &progress,
            const TransferCancelFn &cancelled) {
     const size_t fetchers = std::min(connections.size(), batches_.size());
+    group_batches_ = std::max<size_t>(1, fetchers * (kBuffersPerFetcher - 1));
     buffers_.resize(fetchers);
     for (auto &slots : buffers_)
       for (auto &slot : slots) slot.buffer = std::make_unique<YPartsBuffer>();
@@ -166,6 +168,7 @@ class Pipeline {
  private:
   struct Slot {
     std::unique_ptr<YPartsBuffer> buffer;
+    std::vector<YString> sha1;  // of each part of the batch in it, in batch order
     bool busy = false;
   };
   struct Checked {
@@ -186,7 +189,19 @@ class Pipeline {
       }
       Fetched got{fetcher, slot, nullptr};
       try {
-        api.ReceiveParts(batches_[index].parts, entry_.id, *buffers_[fetcher][slot].buffer);
+        Slot &into = buffers_[fetcher][slot];
+        api.ReceiveParts(batches_[index].parts, entry_.id, *into.buffer);
+        // The SHA-1 half of the check runs here, on as many threads as there
+        // are connections; the MD5 half runs on the calling thread, for several
+        // batches at once.
+        into.sha1.clear();
+        Qel::Crypto::YSha1 sha1;
+        for (const PartPtr &part : batches_[index].parts) {
+          size_t size = 0;
+          const unsigned char *bytes = into.buffer->Find(part->fingerprint, size);
+          sha1.Update(bytes, bytes != nullptr ? size : 0);
+          into.sha1.push_back(sha1.Finalize());
+        }
       } catch (...) {
         got.error = std::current_exception();
       }
@@ -197,6 +212,17 @@ class Pipeline {
       wake_.notify_all();
       if (got.error) return;
     }
+  }
+
+  // Whether batches [first, first + count) are all fetched, or one of those
+  // fetched failed (nothing after it will be needed).
+  bool GroupReady(size_t first, size_t count) const {
+    for (size_t k = first; k < first + count; ++k) {
+      const auto it = fetched_.find(k);
+      if (it == fetched_.end()) return false;
+      if (it->second.error) return true;
+    }
+    return true;
   }
 
   size_t FreeSlot(size_t fetcher) const {
@@ -214,7 +240,10 @@ class Pipeline {
       std::vector<Checked> group;
       {
         std::unique_lock<std::mutex> lock(mutex_);
-        wake_.wait(lock, [&] { return fetched_.count(expected) > 0 || write_error_; });
+        // Waits for a full group when one can come: MD5 runs side by side for
+        // a group, and one part alone costs as much as four together.
+        const size_t wanted = std::min(group_batches_, batches_.size() - expected);
+        wake_.wait(lock, [&] { return GroupReady(expected, wanted) || write_error_; });
         if (write_error_) return;
         size_t parts = 0;
         for (size_t k = expected; fetched_.count(k) > 0; ++k) {
@@ -237,7 +266,12 @@ class Pipeline {
           sizes.push_back(size);
         }
       }
-      const std::vector<YString> computed = Qel::Crypto::YBbsHash::Fingerprints(bytes.data(), sizes.data(), bytes.size());
+      std::vector<YString> computed = Qel::Crypto::YMd5::DigestMany(bytes.data(), sizes.data(), bytes.size());
+      size_t joined = 0;
+      for (const Checked &c : group) {
+        if (c.where.error) break;
+        for (const YString &sha1 : buffers_[c.where.fetcher][c.where.slot].sha1) computed[joined++] += sha1;
+      }
       size_t at = 0;
       for (const Checked &c : group) {
         if (progress) {
@@ -303,6 +337,10 @@ class Pipeline {
   std::vector<std::array<Slot, kBuffersPerFetcher>> buffers_;
   std::mutex mutex_;
   std::condition_variable wake_;
+  // Batches the calling thread waits for to check them together: one per
+  // fetcher, so that they come at once while each fetcher's other buffer
+  // takes the next group.
+  size_t group_batches_ = 1;
   size_t next_ = 0;                  // the next batch a fetcher takes
   std::map<size_t, Fetched> fetched_;  // fetched, not yet taken by the calling thread
   std::deque<Checked> to_write_;     // checked, in file order

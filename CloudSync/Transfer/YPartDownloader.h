@@ -4,7 +4,7 @@
 // checks each part against its fingerprint and size before it is written.
 //
 // The work runs as a pipeline: one fetching thread per connection keeps
-// batches coming (two per connection at most, in buffers kept for the whole
+// batches coming (three per connection at most, in buffers kept for the whole
 // download), the calling thread checks them in file order, several at once,
 // and a writer thread puts them into the file. The file always holds a prefix
 // of the checked parts: a failure leaves nothing after a part that did not

@@ -1,7 +1,5 @@
 #include "Qel/Crypto/YBbsHash.h"
 
-#include "Qel/Crypto/Md5Lanes.h"
-
 #include <algorithm>
 #include <condition_variable>
 #include <exception>
@@ -124,14 +122,11 @@ YString YBbsHash::Fingerprint(const void* bytes, size_t count) {
 }
 
 std::vector<YString> YBbsHash::Fingerprints(const unsigned char* const* buffers, const size_t* sizes, size_t count) {
-  std::vector<Md5Digest> md5(count);
-  Md5Many(buffers, sizes, count, md5.data());
-  std::vector<YString> out;
-  out.reserve(count);
+  std::vector<YString> out = YMd5::DigestMany(buffers, sizes, count);
   YSha1 sha1;
   for (size_t i = 0; i < count; ++i) {
     sha1.Update(buffers[i], sizes[i]);
-    out.push_back(YString(Md5Hex(md5[i])) + sha1.Finalize());
+    out[i] += sha1.Finalize();
   }
   return out;
 }

@@ -632,32 +632,19 @@ void YCloudApi::ReceiveParts(const PartList& batch, uint64_t fileId, YPartsBuffe
 }
 
 size_t YCloudApi::GetParts(const PartList& batch, uint64_t fileId) {
-  std::vector<YString> pending = DistinctFingerprints(batch);
-  if (pending.empty()) return 0;
-  RequireLogin("GetParts");
-  const std::map<YString, YString> headers{{"Content-Type", "application/json"},
-                                           {"Accept", "application/octet-stream"},
-                                           {"User-Agent", agent_name_},
-                                           {"Authorization", "Bearer " + token_}};
-  const YString path = kApiPrefix + YString("parts/download");
+  YPartsBuffer buffer;
+  ReceiveParts(batch, fileId, buffer);
   size_t filled = 0;
-  while (!pending.empty()) {
-    const size_t count = std::min(pending.size(), kDownloadBatchParts);
-    const std::vector<YString> asked(pending.begin(), pending.begin() + static_cast<long>(count));
-    YObject request;
-    request.Set("id", YValue(static_cast<unsigned long long>(fileId)));
-    request.Set("fingerprints", TextArray(asked));
-    YCurlObj::Response answer = curl_->Post(path, headers, request.Stringify());
-    if (answer.status != 200)
-      Qel::Exception::Raise(AnswerError(answer.status, answer.body, curl_->MakeUrl(path), "GetParts"));
-
-    const size_t before = filled;
-    std::vector<YString> later = ReadPartsAnswer(asked, answer.body, batch, filled);
-    if (filled == before && later.size() == asked.size()) {
-      RaiseMalformedParts("The cloud sent none of the parts asked for and asked to wait", __LINE__);
-    }
-    later.insert(later.end(), pending.begin() + static_cast<long>(count), pending.end());
-    pending = std::move(later);
+  std::map<YString, YString> computed;  // a fingerprint that stands twice is hashed once
+  for (const PartPtr& p : batch) {
+    size_t size = 0;
+    const unsigned char* bytes = p ? buffer.Find(p->fingerprint, size) : nullptr;
+    if (bytes == nullptr) continue;
+    auto [it, fresh] = computed.try_emplace(p->fingerprint);
+    if (fresh) it->second = ComputeFingerprint(bytes, size);
+    CheckPartBytes(*p, size, it->second);
+    p->data.Assign(bytes, size);
+    ++filled;
   }
   return filled;
 }

@@ -213,7 +213,7 @@ std::vector<bool> FolderPartStore::putMany(const std::vector<NewPart>& parts) {
     return written;
 }
 
-std::optional<std::string> FolderPartStore::get(std::string_view fingerprint) {
+std::optional<FileSlice> FolderPartStore::openFile(std::string_view fingerprint) const {
     const fs::path p = pathOf(fingerprint);
     UniqueFd fd(::open(p.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd) {
@@ -222,41 +222,41 @@ std::optional<std::string> FolderPartStore::get(std::string_view fingerprint) {
     }
     struct stat st {};
     if (::fstat(fd.get(), &st) != 0) fail("cannot stat", p);
-    std::string out(static_cast<std::size_t>(st.st_size), '\0');
+    if (st.st_size == 0) return std::nullopt;  // parts are never empty
+    return FileSlice{std::move(fd), static_cast<std::uint64_t>(st.st_size)};
+}
+
+std::optional<std::string> FolderPartStore::get(std::string_view fingerprint) {
+    std::optional<FileSlice> file = openFile(fingerprint);
+    if (!file) return std::nullopt;
+    std::string out(static_cast<std::size_t>(file->size), '\0');
     std::size_t done = 0;
     while (done < out.size()) {
-        ssize_t n = ::read(fd.get(), out.data() + done, out.size() - done);
+        ssize_t n = ::read(file->fd.get(), out.data() + done, out.size() - done);
         if (n < 0) {
             if (errno == EINTR) continue;
-            fail("cannot read", p);
+            fail("cannot read", pathOf(fingerprint));
         }
         if (n == 0) break;
         done += static_cast<std::size_t>(n);
     }
     out.resize(done);
-    if (!intact(fd.get(), fingerprint, out)) return std::nullopt;
+    if (!intact(file->fd.get(), fingerprint, out)) return std::nullopt;
     return out;
 }
 
 std::optional<FileSlice> FolderPartStore::open(std::string_view fingerprint) {
-    const fs::path p = pathOf(fingerprint);
-    UniqueFd fd(::open(p.c_str(), O_RDONLY | O_CLOEXEC));
-    if (!fd) {
-        if (errno == ENOENT) return std::nullopt;
-        fail("cannot open", p);
-    }
-    struct stat st {};
-    if (::fstat(fd.get(), &st) != 0) fail("cannot stat", p);
-    const auto size = static_cast<std::size_t>(st.st_size);
-    if (size == 0) return std::nullopt;  // parts are never empty
+    std::optional<FileSlice> file = openFile(fingerprint);
+    if (!file) return std::nullopt;
+    const auto size = static_cast<std::size_t>(file->size);
     // Mapped and read in one go: the check touches the page cache without copying, and
     // leaves the bytes there for the send that follows.
-    void* map = ::mmap(nullptr, size, PROT_READ, MAP_SHARED | MAP_POPULATE, fd.get(), 0);
-    if (map == MAP_FAILED) fail("cannot map", p);
-    const bool ok = intact(fd.get(), fingerprint, {static_cast<const char*>(map), size});
+    void* map = ::mmap(nullptr, size, PROT_READ, MAP_SHARED | MAP_POPULATE, file->fd.get(), 0);
+    if (map == MAP_FAILED) fail("cannot map", pathOf(fingerprint));
+    const bool ok = intact(file->fd.get(), fingerprint, {static_cast<const char*>(map), size});
     ::munmap(map, size);
     if (!ok) return std::nullopt;
-    return FileSlice{std::move(fd), size};
+    return file;
 }
 
 }  // namespace zarnu::cloud

@@ -32,6 +32,9 @@ public:
     std::filesystem::path pathOf(std::string_view fingerprint) const;
 
 private:
+    /// The part's file, open, and its size; nothing when it is absent or empty.
+    std::optional<FileSlice> openFile(std::string_view fingerprint) const;
+
     std::filesystem::path root_;
 };
 

@@ -568,30 +568,48 @@ void YCloudApi::CheckPartBytes(const PartInfo& part, size_t size, const YString&
   }
 }
 
+namespace {
+
+// Checks every part of `batch` whose bytes `find(fingerprint, size)` gives
+// against its fingerprint and size (169 on a mismatch) and fills its data. A
+// fingerprint that stands twice is hashed once. Returns how many were filled.
+template <typename Find>
+size_t FillCheckedParts(const PartList& batch, Find find) {
+  size_t filled = 0;
+  std::map<YString, YString> computed;
+  for (const PartPtr& p : batch) {
+    size_t size = 0;
+    const unsigned char* bytes = p ? find(p->fingerprint, size) : nullptr;
+    if (bytes == nullptr) continue;
+    auto [it, fresh] = computed.try_emplace(p->fingerprint);
+    if (fresh) it->second = YCloudApi::ComputeFingerprint(bytes, size);
+    YCloudApi::CheckPartBytes(*p, size, it->second);
+    p->data.Assign(bytes, size);
+    ++filled;
+  }
+  return filled;
+}
+
+}  // namespace
+
 std::vector<YString> YCloudApi::ReadPartsAnswer(const std::vector<YString>& asked, const std::string& body,
                                                 const PartList& batch, size_t& filled) {
   const size_t line_end = body.find('\n');
   if (line_end == std::string::npos) RaiseMalformedParts("The answer has no manifest line", __LINE__);
   const auto* bytes = reinterpret_cast<const unsigned char*>(body.data() + line_end + 1);
   std::vector<YString> later;
+  std::map<YString, std::pair<size_t, size_t>> sent;  // fingerprint: offset, size
   for (const AnsweredPart& a :
        ReadPartsManifest(asked, std::string_view(body).substr(0, line_end), body.size() - line_end - 1)) {
-    if (a.later) {
-      later.push_back(a.fingerprint);
-      continue;
-    }
-    const YString computed = ComputeFingerprint(bytes + a.offset, a.size);
-    for (const PartPtr& p : batch) {
-      if (!p || p->fingerprint != a.fingerprint) continue;
-      CheckPartBytes(*p, a.size, computed);
-      p->data.Assign(bytes + a.offset, a.size);
-      ++filled;
-    }
-    if (computed != a.fingerprint) {  // a part no entry of the batch names
-      QEL_RAISE(kLogType, 169, "The bytes received for part " + a.fingerprint + " do not match it", kFile,
-                "ReadPartsAnswer");
-    }
+    if (a.later) later.push_back(a.fingerprint);
+    else sent[a.fingerprint] = {a.offset, a.size};
   }
+  filled += FillCheckedParts(batch, [&](const YString& fingerprint, size_t& size) -> const unsigned char* {
+    const auto it = sent.find(fingerprint);
+    if (it == sent.end()) return nullptr;
+    size = it->second.second;
+    return bytes + it->second.first;
+  });
   return later;
 }
 
@@ -634,19 +652,7 @@ void YCloudApi::ReceiveParts(const PartList& batch, uint64_t fileId, YPartsBuffe
 size_t YCloudApi::GetParts(const PartList& batch, uint64_t fileId) {
   YPartsBuffer buffer;
   ReceiveParts(batch, fileId, buffer);
-  size_t filled = 0;
-  std::map<YString, YString> computed;  // a fingerprint that stands twice is hashed once
-  for (const PartPtr& p : batch) {
-    size_t size = 0;
-    const unsigned char* bytes = p ? buffer.Find(p->fingerprint, size) : nullptr;
-    if (bytes == nullptr) continue;
-    auto [it, fresh] = computed.try_emplace(p->fingerprint);
-    if (fresh) it->second = ComputeFingerprint(bytes, size);
-    CheckPartBytes(*p, size, it->second);
-    p->data.Assign(bytes, size);
-    ++filled;
-  }
-  return filled;
+  return FillCheckedParts(batch, [&](const YString& fingerprint, size_t& size) { return buffer.Find(fingerprint, size); });
 }
 
 }  // namespace CloudSync

@@ -186,10 +186,8 @@ private:
         status_ = r.status;
         if (r.stream) return writeStream(std::move(r));
         if (!r.files.empty()) return writeWithFiles(std::move(r));
-        auto msg = std::make_shared<http::response<http::string_body>>(static_cast<http::status>(r.status), 11);
-        msg->set(http::field::server, "zarnu-cloud");
-        msg->set(http::field::content_type, r.contentType);
-        for (auto& [name, value] : r.headers) msg->set(name, value);
+        auto msg = std::make_shared<http::response<http::string_body>>();
+        fillHead(*msg, r);
         msg->body() = std::move(r.body);
         msg->keep_alive(keepAlive_);
         msg->prepare_payload();
@@ -207,13 +205,19 @@ private:
         std::uint64_t sent = 0;
     };
 
+    // Status, version and the header fields every answer carries.
+    template <class Message>
+    static void fillHead(Message& m, const HttpResponse& r) {
+        m.result(static_cast<http::status>(r.status));
+        m.version(11);
+        m.set(http::field::server, "zarnu-cloud");
+        m.set(http::field::content_type, r.contentType);
+        for (auto& [name, value] : r.headers) m.set(name, value);
+    }
+
     void writeStream(HttpResponse r) {
         auto st = std::make_shared<Streaming>();
-        st->res.result(static_cast<http::status>(r.status));
-        st->res.version(11);
-        st->res.set(http::field::server, "zarnu-cloud");
-        st->res.set(http::field::content_type, r.contentType);
-        for (auto& [name, value] : r.headers) st->res.set(name, value);
+        fillHead(st->res, r);
         st->res.content_length(r.streamSize);
         st->res.keep_alive(keepAlive_);
         st->res.body().data = nullptr;
@@ -260,11 +264,7 @@ private:
     // own way of sending them (Derived::sendSlices, which ends in finishSlices).
     void writeWithFiles(HttpResponse r) {
         auto st = std::make_shared<SliceSending>();
-        st->head.result(static_cast<http::status>(r.status));
-        st->head.version(11);
-        st->head.set(http::field::server, "zarnu-cloud");
-        st->head.set(http::field::content_type, r.contentType);
-        for (auto& [name, value] : r.headers) st->head.set(name, value);
+        fillHead(st->head, r);
         std::uint64_t length = r.body.size();
         for (const FileSlice& f : r.files) length += f.size;
         st->head.content_length(length);

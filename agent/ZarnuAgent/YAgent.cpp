@@ -81,6 +81,7 @@ uint64_t YAgent::CountOpenSessions() {
 }
 
 void YAgent::PushStatuses(uint64_t clientId, const YPathStatusTable::Changes& changes) {
+  if (!state_->GetSettings().IsOverlayEnabled()) return;  // the overlay is off: nothing is pushed
   std::shared_ptr<Qel::IO::YSession> session;
   {
     std::lock_guard<std::mutex> lock(sessions_mutex_);

@@ -25,6 +25,8 @@ const Known kKnown[] = {
     {"csmMoveToTrash2", "0", true},         {"csmCloudAddress", "", false},
 };
 
+constexpr const char* kOverlayOption = "csmOverlay";
+
 const Known* FindKnown(const Qel::YString& name) {
   for (const Known& k : kKnown) {
     if (name == k.name) return &k;
@@ -70,6 +72,8 @@ Qel::YString YAgentSettings::GetText(const Qel::YString& name) const {
   auto it = values_.find(name);
   return it == values_.end() ? Qel::YString() : it->second;
 }
+
+bool YAgentSettings::IsOverlayEnabled() const { return GetNumber(kOverlayOption) != 0; }
 
 int64_t YAgentSettings::GetNumber(const Qel::YString& name) const {
   const Qel::YString text = GetText(name);

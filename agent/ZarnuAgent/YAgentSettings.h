@@ -29,6 +29,10 @@ class YAgentSettings {
   Qel::YString GetText(const Qel::YString& name) const;
   int64_t GetNumber(const Qel::YString& name) const;
 
+  // "csmOverlay" is not 0: clients of the overlay get path statuses. When it
+  // is 0 every status is "none" and none is pushed.
+  bool IsOverlayEnabled() const;
+
  private:
   mutable std::mutex mutex_;
   std::map<Qel::YString, Qel::YString> values_;

@@ -96,8 +96,14 @@ Qel::JSON::YObject YOverlayDispatcher::ConfigDbPut(const Qel::JSON::YObject& par
   const Qel::YString value = params.Get<Qel::YString>("value", kLogOva);
   if (name.empty()) QEL_RAISE(kLogOva, kBadValue, "Empty option name", kFile, "ConfigDbPut");
   state_.PutOption(name, value);
+  const bool overlayWasEnabled = state_.GetSettings().IsOverlayEnabled();
   if (state_.GetSettings().Apply(name, value)) {
     Log().Write(kLogApp, "Applied option " + name + " = " + value);
+    // Clients that asked while the overlay was off heard nothing; now they
+    // hear every status they asked for.
+    if (!overlayWasEnabled && state_.GetSettings().IsOverlayEnabled()) {
+      state_.GetPathStatuses().NotifyAllSubscribed();
+    }
   } else {
     Log().Write(kLogApp, "Stored option " + name + " = " + value + "; not a number, the agent keeps " +
                              state_.GetSettings().GetText(name));
@@ -144,7 +150,8 @@ Qel::JSON::YObject YOverlayDispatcher::GetRootShare(const Qel::JSON::YObject&, c
 }
 
 Qel::JSON::YObject YOverlayDispatcher::PathStatusSync(const Qel::JSON::YObject& params, const Push&) {
-  const YPathState s = state_.GetPathStatuses().Get(params.Get<Qel::YString>("file_path", kLogOva));
+  const Qel::YString path = params.Get<Qel::YString>("file_path", kLogOva);
+  const YPathState s = state_.GetSettings().IsOverlayEnabled() ? state_.GetPathStatuses().Get(path) : YPathState();
   Qel::JSON::YObject result;
   result.Set("cloud_status", Qel::JSON::YValue(s.cloudStatus));
   result.Set("sync_progress", Qel::JSON::YValue(s.syncProgress));
@@ -200,10 +207,10 @@ Qel::IO::YCommandPtr YOverlayDispatcher::CreateRefresh(const YPathStatusTable::C
 
 Qel::JSON::YObject YOverlayDispatcher::PathStatusCached(const Qel::JSON::YObject& params, const Push& push) {
   const Qel::YString path = params.Get<Qel::YString>("file_path", kLogOva);
-  const YPathState s = state_.GetPathStatuses().Get(path);
-  // The client hears of this path again whenever its status changes.
+  // The client hears of this path again whenever its status changes (and
+  // when the overlay is switched back on).
   if (push) state_.GetPathStatuses().Subscribe(push.clientId, path);
-  push(CreateRefresh({{path, s}}));
+  if (state_.GetSettings().IsOverlayEnabled()) push(CreateRefresh({{path, state_.GetPathStatuses().Get(path)}}));
   return {};
 }
 

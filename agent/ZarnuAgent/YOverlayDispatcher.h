@@ -7,6 +7,10 @@
 // after "overlay_path_status_cached") go through the `push` function given to
 // Dispatch, which sends them after the reply.
 //
+// With "csmOverlay" at 0 the path status requests answer "none" and push
+// nothing; the subscriptions they make are kept, and switching the option
+// back on through "overlay_configdb_put" pushes every subscribed status.
+//
 // Thread-safety: Dispatch may be called from many threads at once; the state
 // it touches is synchronised.
 #pragma once

@@ -72,6 +72,13 @@ void YPathStatusTable::NotifyChanged(const std::set<Qel::YString>& changed, std:
   for (const auto& [subscriber, changes] : bySubscriber) notify(subscriber, changes);
 }
 
+void YPathStatusTable::NotifyAllSubscribed() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  std::set<Qel::YString> all;
+  for (const auto& [path, subscribers] : subscribers_) all.insert(path);
+  NotifyChanged(all, lock);
+}
+
 void YPathStatusTable::Set(const Qel::YString& path, const YPathState& state) {
   std::unique_lock<std::mutex> lock(mutex_);
   std::set<Qel::YString> changed;

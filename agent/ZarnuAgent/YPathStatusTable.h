@@ -55,6 +55,9 @@ class YPathStatusTable {
   void SetNotify(Notify notify);
   void Subscribe(uint64_t subscriber, const Qel::YString& path);
   void Unsubscribe(uint64_t subscriber);
+  // Tells every subscriber the state of each path it subscribed to, changed
+  // or not (the overlay was switched back on).
+  void NotifyAllSubscribed();
 
  private:
   YPathState EffectiveLocked(const Qel::YString& path) const;

@@ -10,22 +10,21 @@
 #include "Qel/Foundation/YInitContext.h"
 #include "YAgent.h"
 #include "YAgentCommandLine.h"
+#include "YInstallJobs.h"
 #include "YLinkCommand.h"
 
 namespace {
 
-constexpr const char* kFile = "agent/ZarnuAgent/main";
-
-// The installation jobs that later work fills in; each names itself.
+// The one-job switches (YInstallJobs.h).
 struct Job {
   const char* flag;
-  const char* what;
+  Agent::InstallJob job;
 };
 constexpr Job kJobs[] = {
-    {"installOverlay", "installing the file-manager overlay"},
-    {"removeOverlay", "removing the file-manager overlay"},
-    {"installOutlookAddin", "installing the mail client add-in"},
-    {"removeOutlookAddin", "removing the mail client add-in"},
+    {"installOverlay", Agent::InstallJob::kInstallOverlay},
+    {"removeOverlay", Agent::InstallJob::kRemoveOverlay},
+    {"installOutlookAddin", Agent::InstallJob::kInstallMailAddin},
+    {"removeOutlookAddin", Agent::InstallJob::kRemoveMailAddin},
 };
 
 int Main(int argc, char** argv) {
@@ -34,13 +33,10 @@ int Main(int argc, char** argv) {
     std::fputs(Agent::YAgentCommandLine::Usage().c_str(), stdout);
     return 0;
   }
-  for (const Job& job : kJobs) {
-    if (commandLine.Has(job.flag)) {
-      QEL_RAISE(Agent::kLogApp, Agent::kGeneralFailure, Qel::YString(job.what) + " is not available yet", kFile,
-                "Main");
-    }
-  }
   const Qel::YString data = CloudSync::GetDefaultZarnuDataPath();
+  for (const Job& job : kJobs) {
+    if (commandLine.Has(job.flag)) return Agent::RunInstallJob(job.job, data);
+  }
   if (commandLine.Has("link")) return Agent::RunLink(commandLine, data);
   Agent::YAgent agent(data, commandLine.Get("listen", ""));
   return agent.Run();

@@ -8,9 +8,11 @@ MenuEntry and icon_file turn them into what a file manager draws.
 
 The file manager's thread never waits on the socket: status_of answers from the
 cache at once, menu_for waits at most the time it is given and only while a
-session is up, and every send goes through the client's thread. Callbacks
-(on_status, on_reset, on_menu_refresh, a request's completion) run on the client's
-thread with no lock held; a GUI hands them to its main loop.
+session is up. The socket is served by a loop: ThreadLoop (a thread of the
+client's own) or GLibLoop (watches in the file manager's GLib main loop; an
+embedded Python may not let a thread of its own run while the file manager's
+code does). Callbacks (on_status, on_reset, on_menu_refresh, on_menu, a
+request's completion) run on the loop's thread with no lock held.
 
 The file manager's glue is zarnu_overlay_extension.py; this module needs nothing
 but Python's standard library, so tests drive it against the real agent.
@@ -21,6 +23,7 @@ import errno
 import hashlib
 import json
 import os
+import select
 import selectors
 import socket
 import struct
@@ -197,8 +200,10 @@ def _local_error(code, info):
 
 
 class AgentClient:
-    """One client of the agent's overlay socket, connected (and reconnected) by its own thread.
+    """One client of the agent's overlay socket, connected (and connected again) by its loop.
 
+    The loop is a ThreadLoop (a thread of the client's own; the default) or a GLibLoop (the
+    GLib main loop the file manager runs). Callbacks run on the loop's thread, no lock held:
     on_status(path, PathStatus): a pushed status differs from the one known.
     on_reset(): every status and menu known was dropped (a session began or ended), or the root
       folder became known: what is shown should be asked for again.
@@ -206,10 +211,12 @@ class AgentClient:
     on_menu(paths): a menu asked for by menu_for arrived after menu_for returned.
     """
 
-    def __init__(self, socket_path=None, on_status=None, on_reset=None, on_menu_refresh=None, on_menu=None):
+    def __init__(self, socket_path=None, on_status=None, on_reset=None, on_menu_refresh=None, on_menu=None,
+                 loop=None):
         self.socket_path = str(socket_path or default_socket_path())
         self._callbacks = {"status": on_status, "reset": on_reset, "menu_refresh": on_menu_refresh,
                            "menu": on_menu}
+        self._loop = loop or ThreadLoop()
         self._lock = threading.Lock()
         self._statuses = collections.OrderedDict()  # path -> PathStatus, least recently used first
         self._asked = set()
@@ -217,30 +224,28 @@ class AgentClient:
         self._menu_waits = {}  # tuple of paths -> Event set when the menu arrives
         self._late_menus = set()  # menus that menu_for stopped waiting for
         self._pending = {}  # request id -> (completion, deadline)
-        self._outbox = []  # frames waiting for the client's thread
+        self._outbox = []  # frames for the loop to send
         self._next_id = 1
         self._connected = False
         self._root = None  # None: not known yet; "": the agent is not linked
         self._root_asked_at = 0.0
         self._stopping = False
-        self._wake_read, self._wake_write = os.pipe2(os.O_NONBLOCK | os.O_CLOEXEC)
-        self._thread = threading.Thread(target=self._run, name="zarnu-overlay", daemon=True)
+        # Owned by the loop's thread.
+        self._sock = None
+        self._received = bytearray()
+        self._unsent = bytearray()
 
     # Life cycle.
 
     def start(self):
-        self._thread.start()
+        self._loop.start(self)
         return self
 
     def stop(self):
-        """Ends the session and the thread; pending requests fail."""
+        """Ends the session and the loop's work; pending requests fail."""
         with self._lock:
             self._stopping = True
-        self._wake()
-        if self._thread.is_alive():
-            self._thread.join()
-        os.close(self._wake_read)
-        os.close(self._wake_write)
+        self._loop.stop()
 
     @property
     def connected(self):
@@ -257,7 +262,7 @@ class AgentClient:
 
     def status_of(self, path):
         """The known status of `path`, or None. A path not known yet is asked for (once, while the
-        session is up and the path may be in the root folder); its push calls on_status."""
+        session is up and the path is in the root folder); its push calls on_status."""
         with self._lock:
             status = self._statuses.get(path)
             if status is not None:
@@ -269,13 +274,14 @@ class AgentClient:
                 self._asked.clear()
             self._asked.add(path)
             self._queue("overlay_path_status_cached", {"file_path": path}, None)
-        self._wake()
+        self._loop.wake()
         return None
 
     def menu_for(self, paths, wait=0.0):
         """The agent's menu for `paths` ([MenuEntry]; [] when it offers none), or None when it is not
         known yet. Asks the agent and waits up to `wait` seconds, only while a session is up; a menu
-        that comes later is kept, and on_menu(paths) tells of it."""
+        that comes later is kept, and on_menu(paths) tells of it. With a GLibLoop, call it on the
+        loop's thread."""
         key = tuple(paths)
         with self._lock:
             if key in self._menus:
@@ -288,38 +294,36 @@ class AgentClient:
                 arrived = self._menu_waits[key] = threading.Event()
                 self._queue("overlay_get_menu", {"file_paths": list(key)},
                             lambda result, error, attachments: self._menu_arrived(key, result, error, attachments))
-        self._wake()
+        self._loop.wake()
         if wait > 0:
-            arrived.wait(wait)
+            self._loop.wait(arrived, wait)
         with self._lock:
             menu = self._menus.get(key)
             if menu is None:
-                # on_menu tells the caller when it comes.
-                self._late_menus.add(key)
+                self._late_menus.add(key)  # on_menu tells the caller when it comes
             return menu
 
     def run_command(self, path, entry, completion=None):
         """Sends a menu entry's command for `path` ("overlay_request_ui"); completion(result, error)
-        runs on the client's thread. Returns False when there is no session."""
+        runs on the loop's thread. Returns False when there is no session."""
         params = {"file_path": path, "ui_command": entry.command_id, "ui_command_arg": entry.command_arg}
         return self.submit("overlay_request_ui", params, completion)
 
     # Requests of any method.
 
     def submit(self, method, params=None, completion=None):
-        """Sends a request; completion(result, error) runs on the client's thread once (error is a
-        dict with "code" and "info" when it failed). False when there is no session."""
+        """Sends a request; completion(result, error) runs on the loop's thread once (error is a dict
+        with "code" and "info" when it failed). False when there is no session."""
         with self._lock:
             if not self._connected:
                 return False
             self._queue(method, params,
                         None if completion is None else (lambda result, error, attachments: completion(result, error)))
-        self._wake()
+        self._loop.wake()
         return True
 
     def request(self, method, params=None, timeout=REQUEST_TIMEOUT + 1):
-        """Sends a request and waits for its result. Raises RequestFailed. Not for the client's own
-        thread (its callbacks)."""
+        """Sends a request and waits for its result (ThreadLoop only). Raises RequestFailed."""
         done, answer = threading.Event(), {}
 
         def completion(result, error):
@@ -334,14 +338,14 @@ class AgentClient:
             raise RequestFailed(answer["error"])
         return answer["result"]
 
-    # Inside: everything below runs under the lock or on the client's thread.
+    # Inside: state under the lock; the socket on the loop's thread.
 
     def _may_hold(self, path):
         # Until the root folder is known nothing is asked; its arrival calls on_reset.
         return bool(self._root) and (path == self._root or path.startswith(self._root.rstrip("/") + "/"))
 
     def _queue(self, method, params, completion):
-        """Under the lock: a request for the client's thread to send."""
+        """Under the lock: a request for the loop to send."""
         ident = self._next_id
         self._next_id += 1
         message = {"id": ident, "method": method}
@@ -349,12 +353,6 @@ class AgentClient:
             message["params"] = params
         self._pending[ident] = (completion, time.monotonic() + REQUEST_TIMEOUT)
         self._outbox.append(encode_frame(message))
-
-    def _wake(self):
-        try:
-            os.write(self._wake_write, b"!")
-        except (BlockingIOError, OSError):
-            pass  # already awake, or stopped
 
     def _call(self, name, *args):
         callback = self._callbacks.get(name)
@@ -395,46 +393,24 @@ class AgentClient:
         if changed:
             self._call("reset")  # paths in the root folder may be asked for now
 
-    def _run(self):
-        delay = RECONNECT_FIRST
-        while True:
-            with self._lock:
-                if self._stopping:
-                    return
-            sock = self._connect()
-            if sock is None:
-                self._sleep(delay)
-                delay = min(delay * 2, RECONNECT_LAST)
-                continue
-            delay = RECONNECT_FIRST
-            try:
-                self._serve(sock)
-            finally:
-                sock.close()
-                self._session_ended()
+    @property
+    def _is_stopping(self):
+        with self._lock:
+            return self._stopping
 
-    def _sleep(self, seconds):
-        with selectors.DefaultSelector() as selector:
-            selector.register(self._wake_read, selectors.EVENT_READ)
-            selector.select(seconds)
-        self._drain_wake()
-
-    def _drain_wake(self):
-        try:
-            while os.read(self._wake_read, 4096):
-                pass
-        except BlockingIOError:
-            pass
-
-    def _connect(self):
+    def _try_connect(self, timeout):
+        """Connects to the socket (waiting at most `timeout`, 0: not at all) and begins a session."""
         sock = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM | socket.SOCK_CLOEXEC)
-        sock.settimeout(CONNECT_TIMEOUT)
+        sock.settimeout(timeout if timeout > 0 else 0.0)
         try:
             sock.connect(self.socket_path)
         except OSError:
             sock.close()
-            return None
+            return False
         sock.setblocking(False)
+        self._sock = sock
+        self._received.clear()
+        self._unsent.clear()
         with self._lock:
             self._connected = True
             self._statuses.clear()
@@ -444,9 +420,53 @@ class AgentClient:
             self._root = None
             self._queue("overlay_get_root_share", None, self._root_arrived)
         self._call("reset")  # what was shown came from no session or an earlier one
-        return sock
+        return True
 
-    def _session_ended(self):
+    def _prepare(self):
+        """Before the loop waits: takes the queued frames, fails requests past their time and asks
+        an agent that is not linked for its root folder again. Returns (something to send, seconds
+        until this should run again or None)."""
+        now = time.monotonic()
+        with self._lock:
+            if self._root == "" and now - self._root_asked_at >= ROOT_RETRY:
+                self._root_asked_at = now
+                self._queue("overlay_get_root_share", None, self._root_arrived)
+            for frame in self._outbox:
+                self._unsent += frame
+            self._outbox.clear()
+            late = [ident for ident, (_, deadline) in self._pending.items() if deadline <= now]
+            expired = [self._pending.pop(ident)[0] for ident in late]
+            deadlines = [deadline for _, deadline in self._pending.values()]
+            if self._root == "":
+                deadlines.append(self._root_asked_at + ROOT_RETRY)
+        for completion in expired:
+            if completion is not None:
+                completion(None, _local_error(errno.ETIMEDOUT, "the agent did not answer in time"), [])
+        timeout = max(0.0, min(deadlines) - time.monotonic()) if deadlines else None
+        return bool(self._unsent), timeout
+
+    def _io(self, can_read, can_write):
+        """Moves bytes while the socket is ready; False when the session is over."""
+        try:
+            if can_write and self._unsent:
+                del self._unsent[:self._sock.send(self._unsent)]
+            if can_read:
+                data = self._sock.recv(1 << 16)
+                if not data:
+                    return False  # the agent closed the session
+                self._received += data
+                for message, attachments in decode_frames(self._received):
+                    self._unsent += self._handle(message, attachments)
+        except (BlockingIOError, InterruptedError):
+            pass
+        except (OSError, FrameError, ValueError):
+            return False
+        return True
+
+    def _end_session(self):
+        if self._sock is not None:
+            self._sock.close()
+            self._sock = None
         with self._lock:
             self._connected = False
             failed = list(self._pending.values())
@@ -461,56 +481,6 @@ class AgentClient:
             if completion is not None:
                 completion(None, error, [])
         self._call("reset")
-
-    def _serve(self, sock):
-        received, unsent = bytearray(), bytearray()
-        with selectors.DefaultSelector() as selector:
-            selector.register(sock, selectors.EVENT_READ)
-            selector.register(self._wake_read, selectors.EVENT_READ)
-            while True:
-                with self._lock:
-                    if self._stopping:
-                        return
-                    for frame in self._outbox:
-                        unsent += frame
-                    self._outbox.clear()
-                    deadlines = [deadline for _, deadline in self._pending.values()]
-                    if self._root == "" and time.monotonic() - self._root_asked_at >= ROOT_RETRY:
-                        self._root_asked_at = time.monotonic()
-                        self._queue("overlay_get_root_share", None, self._root_arrived)
-                        continue
-                    if self._root == "":
-                        deadlines.append(self._root_asked_at + ROOT_RETRY)
-                selector.modify(sock, selectors.EVENT_READ | (selectors.EVENT_WRITE if unsent else 0))
-                timeout = max(0.0, min(deadlines) - time.monotonic()) if deadlines else None
-                for key, mask in selector.select(timeout):
-                    if key.fileobj == self._wake_read:
-                        self._drain_wake()
-                        continue
-                    try:
-                        if mask & selectors.EVENT_WRITE and unsent:
-                            del unsent[:sock.send(unsent)]
-                        if mask & selectors.EVENT_READ:
-                            data = sock.recv(1 << 16)
-                            if not data:
-                                return  # the agent closed the session
-                            received += data
-                            for message, attachments in decode_frames(received):
-                                unsent += self._handle(message, attachments)
-                    except (BlockingIOError, InterruptedError):
-                        pass
-                    except (OSError, FrameError, ValueError):
-                        return
-                self._expire()
-
-    def _expire(self):
-        now = time.monotonic()
-        with self._lock:
-            late = [ident for ident, (_, deadline) in self._pending.items() if deadline <= now]
-            expired = [self._pending.pop(ident)[0] for ident in late]
-        for completion in expired:
-            if completion is not None:
-                completion(None, _local_error(errno.ETIMEDOUT, "the agent did not answer in time"), [])
 
     def _handle(self, message, attachments):
         """Handles one message from the agent; returns the bytes to send back."""
@@ -551,3 +521,179 @@ class AgentClient:
                     self._statuses.popitem(last=False)
         for path, status in changed:
             self._call("status", path, status)
+
+
+class ThreadLoop:
+    """Runs a client on a thread of its own: connects, waits on the socket with selectors, and
+    connects again after RECONNECT_FIRST, doubling up to RECONNECT_LAST while no agent answers."""
+
+    def start(self, client):
+        self._client = client
+        self._wake_read, self._wake_write = os.pipe2(os.O_NONBLOCK | os.O_CLOEXEC)
+        self._thread = threading.Thread(target=self._run, name="zarnu-overlay", daemon=True)
+        self._thread.start()
+
+    def wake(self):
+        try:
+            os.write(self._wake_write, b"!")
+        except OSError:
+            pass  # the pipe is full (already awake) or closed (stopped)
+
+    def wait(self, event, seconds):
+        event.wait(seconds)
+
+    def stop(self):
+        self.wake()
+        self._thread.join()
+        os.close(self._wake_read)
+        os.close(self._wake_write)
+
+    def _run(self):
+        client, delay = self._client, RECONNECT_FIRST
+        while not client._is_stopping:
+            if not client._try_connect(CONNECT_TIMEOUT):
+                self._sleep(delay)
+                delay = min(delay * 2, RECONNECT_LAST)
+                continue
+            delay = RECONNECT_FIRST
+            try:
+                self._serve()
+            finally:
+                client._end_session()
+
+    def _sleep(self, seconds):
+        with selectors.DefaultSelector() as selector:
+            selector.register(self._wake_read, selectors.EVENT_READ)
+            selector.select(seconds)
+        self._drain()
+
+    def _drain(self):
+        try:
+            while os.read(self._wake_read, 4096):
+                pass
+        except BlockingIOError:
+            pass
+
+    def _serve(self):
+        client = self._client
+        with selectors.DefaultSelector() as selector:
+            selector.register(client._sock, selectors.EVENT_READ)
+            selector.register(self._wake_read, selectors.EVENT_READ)
+            while not client._is_stopping:
+                wants_write, timeout = client._prepare()
+                selector.modify(client._sock, selectors.EVENT_READ | (selectors.EVENT_WRITE if wants_write else 0))
+                readable = writable = False
+                for key, mask in selector.select(timeout):
+                    if key.fileobj == self._wake_read:
+                        self._drain()
+                    else:
+                        readable, writable = bool(mask & selectors.EVENT_READ), bool(mask & selectors.EVENT_WRITE)
+                if (readable or writable) and not client._io(readable, writable):
+                    return
+
+
+class GLibLoop:
+    """Runs a client in the GLib main loop of the thread that calls start (a file manager's main
+    thread): socket watches and timers, never a blocking call. Connecting is tried without waiting,
+    and again after RECONNECT_FIRST, doubling up to RECONNECT_LAST, while no agent answers.
+    menu_for's wait reads the socket directly, so it must be called on that same thread."""
+
+    def __init__(self):
+        from gi.repository import GLib
+        self._glib = GLib
+        self._sources = {}  # "in", "out", "timer", "connect" -> GLib source id
+        self._delay = RECONNECT_FIRST
+
+    def start(self, client):
+        self._client = client
+        self._sources["connect"] = self._glib.idle_add(self._connect)
+
+    def wake(self):
+        self._glib.idle_add(self._step)  # from any thread
+
+    def wait(self, event, seconds):
+        client = self._client
+        deadline = time.monotonic() + seconds
+        while not event.is_set() and client._sock is not None:
+            wants_write, timeout = client._prepare()
+            remaining = deadline - time.monotonic()
+            if remaining <= 0:
+                break
+            readable, writable, _ = select.select([client._sock], [client._sock] if wants_write else [], [],
+                                                  remaining if timeout is None else min(remaining, timeout))
+            if (readable or writable) and not client._io(bool(readable), bool(writable)):
+                self._end()
+        self._step()
+
+    def stop(self):
+        for name in list(self._sources):
+            self._drop(name)
+        if self._client._sock is not None:
+            self._client._end_session()
+
+    def _drop(self, name):
+        source = self._sources.pop(name, None)
+        if source is not None:
+            self._glib.source_remove(source)
+
+    def _connect(self):
+        self._sources.pop("connect", None)
+        client = self._client
+        if client._is_stopping:
+            return False
+        if client._try_connect(0):
+            self._delay = RECONNECT_FIRST
+            self._sources["in"] = self._glib.io_add_watch(
+                client._sock.fileno(), self._glib.PRIORITY_DEFAULT,
+                self._glib.IO_IN | self._glib.IO_HUP | self._glib.IO_ERR, self._on_in)
+            self._step()
+        else:
+            self._sources["connect"] = self._glib.timeout_add(int(self._delay * 1000), self._connect)
+            self._delay = min(self._delay * 2, RECONNECT_LAST)
+        return False
+
+    def _step(self, *ignored):
+        """Sends what is queued (watching for room to write) and sets the timer for what is due."""
+        client = self._client
+        if client._sock is None:
+            return False
+        wants_write, timeout = client._prepare()
+        if wants_write and "out" not in self._sources:
+            self._sources["out"] = self._glib.io_add_watch(client._sock.fileno(), self._glib.PRIORITY_DEFAULT,
+                                                           self._glib.IO_OUT, self._on_out)
+        self._drop("timer")
+        if timeout is not None:
+            self._sources["timer"] = self._glib.timeout_add(max(1, int(timeout * 1000)), self._on_timer)
+        return False
+
+    def _on_in(self, fd, condition):
+        if not self._client._io(True, False):
+            self._sources.pop("in", None)  # returning False removes it
+            self._end()
+            return False
+        self._step()
+        return True
+
+    def _on_out(self, fd, condition):
+        client = self._client
+        if not client._io(False, True):
+            self._sources.pop("out", None)
+            self._end()
+            return False
+        if client._unsent:
+            return True
+        self._sources.pop("out", None)
+        return False
+
+    def _on_timer(self):
+        self._sources.pop("timer", None)
+        self._step()
+        return False
+
+    def _end(self):
+        for name in ("in", "out", "timer"):
+            self._drop(name)
+        self._client._end_session()
+        if "connect" not in self._sources and not self._client._is_stopping:
+            self._delay = RECONNECT_FIRST
+            self._sources["connect"] = self._glib.timeout_add(int(self._delay * 1000), self._connect)

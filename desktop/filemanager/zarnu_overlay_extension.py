@@ -6,9 +6,10 @@ else. The agent's side lives in zarnu_overlay.py beside this file: a badge (embl
 every file of the synced folder from the path statuses, the agent's context menu with its
 icons and sub-menus, and its commands sent back with "overlay_request_ui".
 
-The main loop never waits on the agent: statuses come from the client's cache, a menu
-waits at most MENU_WAIT while a session is up, and the client's pushes reach the main loop
-through GLib.idle_add, which asks the file manager to look at the file again.
+The client runs in the file manager's main loop (GLibLoop: socket watches, no thread, as
+the embedded Python may not run a thread of ours while the file manager's code runs), and
+never blocks it: statuses come from the client's cache, a menu waits at most MENU_WAIT
+while a session is up, and a push asks the file manager to look at the file again.
 """
 import importlib
 import os
@@ -66,7 +67,8 @@ if FileManager is not None:
                 on_status=lambda path, status: GLib.idle_add(self._invalidate, [path]),
                 on_reset=lambda: GLib.idle_add(self._invalidate, None),
                 on_menu=lambda paths: GLib.idle_add(self._menus_changed),
-                on_menu_refresh=lambda: GLib.idle_add(self._menus_changed)).start()
+                on_menu_refresh=lambda: GLib.idle_add(self._menus_changed),
+                loop=zarnu_overlay.GLibLoop()).start()
 
         # Badges.
 

@@ -1,0 +1,124 @@
+"""GNOME Files (Nautilus) with the overlay installed by `zarnucmd Overlay install`, on a
+virtual display (Xvfb) with a session bus of its own: a synced file of the agent's root
+folder shows the synced badge, and a file written while the window is open gets its badge
+too. The last screenshot is kept as build/release/test-artifacts/overlay-nautilus.png.
+
+Skipped, naming the Debian packages, where the display server, the file manager, its Python
+binding or ImageMagick (the screenshots) are missing."""
+import glob
+import os
+import selectors
+import shutil
+import signal
+import subprocess
+
+import pytest
+
+from agent_support import bin_dir
+from conftest import eventually, synced, write
+
+SYNCED_BADGE_FILL = "#13a86b"  # the fill of emblem-zarnu-synced.svg, in no other part of the window
+TOOLS = {"Xvfb": "xvfb", "nautilus": "nautilus", "dbus-daemon": "dbus-daemon", "import": "imagemagick",
+         "convert": "imagemagick"}
+BINDING = ["/usr/lib/*/nautilus/extensions-*/libnautilus-python.so", "/usr/lib*/nautilus/extensions-*/libnautilus-python.so"]
+
+
+def missing_packages():
+    missing = sorted({package for tool, package in TOOLS.items() if shutil.which(tool) is None})
+    if not any(glob.glob(pattern) for pattern in BINDING):
+        missing.append("python3-nautilus")
+    return missing
+
+
+pytestmark = pytest.mark.skipif(bool(missing_packages()),
+                                reason=f"needs the Debian packages {', '.join(missing_packages())}")
+
+
+def read_line(proc, fd, what):
+    """The first line a started process writes to `fd` (it says it is ready)."""
+    line = b""
+    with selectors.DefaultSelector() as selector:
+        selector.register(fd, selectors.EVENT_READ)
+        while not line.endswith(b"\n"):
+            assert selector.select(30), f"{what} did not start"
+            chunk = os.read(fd, 256)
+            assert chunk, f"{what} exited with {proc.wait()}"
+            line += chunk
+    return line.decode().strip()
+
+
+def started(args, what, **kwargs):
+    """Starts a server that writes its address on a pipe (the fd replaces {fd} in args)."""
+    read_end, write_end = os.pipe()
+    proc = subprocess.Popen([a.replace("{fd}", str(write_end)) for a in args], pass_fds=(write_end,),
+                            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, **kwargs)
+    os.close(write_end)
+    try:
+        return proc, read_line(proc, read_end, what)
+    finally:
+        os.close(read_end)
+
+
+def stop(proc):
+    if proc.poll() is None:
+        os.kill(proc.pid, signal.SIGTERM)
+    try:
+        proc.wait(timeout=30)
+    except subprocess.TimeoutExpired:
+        os.kill(proc.pid, signal.SIGKILL)
+        proc.wait()
+
+
+@pytest.fixture
+def desktop(tmp_path):
+    """A virtual display and a session bus: the environment variables that reach them."""
+    procs = []
+    try:
+        xvfb, display = started(["Xvfb", "-displayfd", "{fd}", "-screen", "0", "1024x700x24", "-nolisten", "tcp"],
+                                "Xvfb")
+        procs.append(xvfb)
+        bus, address = started(["dbus-daemon", "--session", "--nofork", "--print-address={fd}"], "dbus-daemon")
+        procs.append(bus)
+        runtime = tmp_path / "runtime"
+        runtime.mkdir(mode=0o700)
+        yield {"DISPLAY": f":{display}", "DBUS_SESSION_BUS_ADDRESS": address, "XDG_RUNTIME_DIR": str(runtime),
+               "GSETTINGS_BACKEND": "memory", "GSK_RENDERER": "cairo", "NO_AT_BRIDGE": "1", "GTK_A11Y": "none",
+               "GIO_USE_VFS": "local"}
+    finally:
+        for proc in reversed(procs):
+            stop(proc)
+
+
+def badge_pixels(env, shot):
+    """Takes a screenshot into `shot` and counts its pixels of the synced badge's colour."""
+    subprocess.run(["import", "-window", "root", str(shot)], env=env, check=True, timeout=60)
+    out = subprocess.run(["convert", str(shot), "-fill", "black", "+opaque", SYNCED_BADGE_FILL, "-fill", "white",
+                          "-opaque", SYNCED_BADGE_FILL, "-format", "%[fx:round(mean*w*h)]", "info:"],
+                         capture_output=True, text=True, check=True, timeout=60)
+    return int(out.stdout)
+
+
+def test_nautilus_shows_the_synced_badge(agent, desktop, tmp_path):
+    synced(agent, "report.txt")
+    env = dict(agent.env)
+    for name in ("XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME", "WAYLAND_DISPLAY"):
+        env.pop(name, None)
+    env.update(desktop)
+    r = subprocess.run([str(bin_dir() / "zarnucmd"), "Overlay", "install"], env=env, capture_output=True, text=True,
+                       timeout=60)
+    assert r.returncode == 0, r.stderr
+    assert f"Installed {agent.home}/.local/share/nautilus-python/extensions/zarnu_overlay_extension.py" in r.stdout
+
+    artifacts = bin_dir().parent / "test-artifacts"
+    artifacts.mkdir(exist_ok=True)
+    shot = artifacts / "overlay-nautilus.png"
+    with open(tmp_path / "nautilus.log", "wb") as log:
+        nautilus = subprocess.Popen(["nautilus", "--new-window", str(agent.root)], env=env, stdin=subprocess.DEVNULL,
+                                    stdout=log, stderr=log)
+    try:
+        one = eventually(lambda: badge_pixels(env, shot), timeout=120, what="the synced badge on screen")
+        # A file written while the window is open gets its badge as the agent pushes its status.
+        write(agent.root / "written-later.txt", b"bytes that sync while the window is open")
+        eventually(lambda: badge_pixels(env, shot) >= 2 * one, timeout=120, what="a second badge")
+    finally:
+        stop(nautilus)

@@ -10,8 +10,8 @@ PACKAGES=(
   libssl-dev libcurl4-openssl-dev libsqlite3-dev sqlite3 libsodium-dev libfuse3-dev fuse3
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   python3-pytest iproute2 procps time
-  # The file-manager overlay's test in GNOME Files on a virtual display (it skips without them).
-  xvfb dbus-daemon nautilus python3-nautilus imagemagick
+  # The file-manager overlay: its main-loop client, and GNOME Files on a virtual display (tests skip without them).
+  python3-gi xvfb dbus-daemon nautilus python3-nautilus imagemagick
 )
 
 missing=()

@@ -7,6 +7,8 @@ import signal
 import struct
 import threading
 
+import pytest
+
 from agent_support import AgentProcess
 from conftest import eventually, synced, write, zarnu_overlay
 
@@ -119,3 +121,50 @@ def test_an_agent_that_dies_takes_its_emblems_and_one_that_hangs_costs_no_wait(a
     # A new agent on the same socket: the client finds it by itself and the emblem comes back.
     agent.process = AgentProcess(agent.data, agent.home).start()
     eventually(lambda: emblem(client, path) == "emblem-zarnu-synced", what="the emblem after the restart")
+
+
+def run_main_loop_until(check, what, timeout=60):
+    """Runs this thread's GLib main loop (as a file manager does) until `check()` holds."""
+    from gi.repository import GLib
+    loop, state = GLib.MainLoop(), {"ok": False}
+
+    def poll():
+        state["ok"] = bool(check())
+        if state["ok"]:
+            loop.quit()
+        return not state["ok"]
+
+    GLib.timeout_add(50, poll)
+    guard = GLib.timeout_add_seconds(timeout, loop.quit)
+    loop.run()
+    if state["ok"]:
+        GLib.source_remove(guard)
+    assert state["ok"], f"timed out waiting for {what}"
+
+
+def test_in_the_file_managers_main_loop(agent):
+    """The same client on GLib watches (the extension's way): badges, a menu waited for on the main
+    loop's own thread, a stuck agent costing no more than the wait, a dead one taking the badges."""
+    pytest.importorskip("gi", reason="needs the Debian package python3-gi")
+    (path,) = synced(agent, "a.txt")
+    resets = []
+    client = zarnu_overlay.AgentClient(agent.process.socket_path, on_reset=lambda: resets.append(1),
+                                       loop=zarnu_overlay.GLibLoop()).start()
+    try:
+        run_main_loop_until(lambda: emblem(client, path) == "emblem-zarnu-synced", "the synced emblem")
+        assert [entry.title for entry in client.menu_for([path], wait=30)] == ["Copy public link", "Show in cloud"]
+
+        os.kill(agent.process.proc.pid, signal.SIGSTOP)
+        try:
+            assert client.menu_for([path, str(agent.root)], wait=0.2) is None
+        finally:
+            os.kill(agent.process.proc.pid, signal.SIGCONT)
+        run_main_loop_until(lambda: client.menu_for([path, str(agent.root)]) is not None, "the late menu")
+
+        before = len(resets)
+        agent.stop(signal.SIGKILL)
+        run_main_loop_until(lambda: len(resets) > before and not client.connected, "the end of the session")
+        assert emblem(client, path) is None
+        assert returns_at_once(lambda: client.menu_for([path], wait=3600)) is None
+    finally:
+        client.stop()

@@ -1,7 +1,7 @@
 """The Zarnu overlay of a file manager, without the file manager.
 
 AgentClient speaks the overlay protocol (docs/overlay-protocol.md) to the agent's
-socket from a thread of its own and keeps what the file manager shows: path
+socket and keeps what the file manager shows: path
 statuses (asked with "overlay_path_status_cached", kept up to date by the agent's
 "ova_refresh_path" pushes) and context menus ("overlay_get_menu"). emblem_for,
 MenuEntry and icon_file turn them into what a file manager draws.
@@ -29,6 +29,7 @@ import socket
 import struct
 import threading
 import time
+import traceback
 
 MAGIC = b"ZOV1"
 HEADER = struct.Struct(">4sII")  # magic, body length, JSON length
@@ -199,6 +200,14 @@ def _local_error(code, info):
     return {"code": code, "sub_code": 3, "info": info}
 
 
+def _safely(function, *args):
+    """Calls a callback; what it raises is printed, and the session goes on."""
+    try:
+        function(*args)
+    except Exception:  # noqa: BLE001 - a callback's fault must not end the client's loop
+        traceback.print_exc()
+
+
 class AgentClient:
     """One client of the agent's overlay socket, connected (and connected again) by its loop.
 
@@ -357,7 +366,7 @@ class AgentClient:
     def _call(self, name, *args):
         callback = self._callbacks.get(name)
         if callback is not None:
-            callback(*args)
+            _safely(callback, *args)
 
     def _menu_arrived(self, key, result, error, attachments):
         menu = []
@@ -441,7 +450,7 @@ class AgentClient:
                 deadlines.append(self._root_asked_at + ROOT_RETRY)
         for completion in expired:
             if completion is not None:
-                completion(None, _local_error(errno.ETIMEDOUT, "the agent did not answer in time"), [])
+                _safely(completion, None, _local_error(errno.ETIMEDOUT, "the agent did not answer in time"), [])
         timeout = max(0.0, min(deadlines) - time.monotonic()) if deadlines else None
         return bool(self._unsent), timeout
 
@@ -459,8 +468,8 @@ class AgentClient:
                     self._unsent += self._handle(message, attachments)
         except (BlockingIOError, InterruptedError):
             pass
-        except (OSError, FrameError, ValueError):
-            return False
+        except (OSError, FrameError, ValueError, KeyError, TypeError, AttributeError):
+            return False  # the socket failed, or the agent sent what this client cannot read
         return True
 
     def _end_session(self):
@@ -479,7 +488,7 @@ class AgentClient:
         error = _local_error(errno.ENOTCONN, f"the session with the agent at {self.socket_path} ended")
         for completion, _ in failed:
             if completion is not None:
-                completion(None, error, [])
+                _safely(completion, None, error, [])
         self._call("reset")
 
     def _handle(self, message, attachments):
@@ -489,7 +498,7 @@ class AgentClient:
                 completion, _ = self._pending.pop(message.get("id"), (None, None))
             if completion is not None:
                 error = message.get("error")
-                completion(None if error else message.get("result", {}), error, attachments)
+                _safely(completion, None if error else message.get("result", {}), error, attachments)
             return b""
         reply = {"id": message.get("id")}
         method = message["method"]

@@ -11,7 +11,7 @@ PACKAGES=(
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   python3-pytest iproute2 procps time
   # The file-manager overlay: its main-loop client, and GNOME Files on a virtual display (tests skip without them).
-  python3-gi xvfb dbus-daemon nautilus python3-nautilus imagemagick
+  python3-gi xvfb dbus-daemon nautilus python3-nautilus imagemagick xdotool
 )
 
 missing=()

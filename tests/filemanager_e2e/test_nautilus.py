@@ -1,10 +1,12 @@
 """GNOME Files (Nautilus) with the overlay installed by `zarnucmd Overlay install`, on a
 virtual display (Xvfb) with a session bus of its own: a synced file of the agent's root
-folder shows the synced badge, and a file written while the window is open gets its badge
-too. The last screenshot is kept as build/release/test-artifacts/overlay-nautilus.png.
+folder shows the synced badge, a file written while the window is open gets its badge too,
+and the agent's "Copy public link" in the file's context menu reaches the agent. The
+screenshots are kept in build/release/test-artifacts/: overlay-nautilus.png (the badges)
+and overlay-nautilus-menu.png (the context menu).
 
 Skipped, naming the Debian packages, where the display server, the file manager, its Python
-binding or ImageMagick (the screenshots) are missing."""
+binding, ImageMagick (the screenshots) or xdotool (the clicks) are missing."""
 import glob
 import os
 import selectors
@@ -19,7 +21,9 @@ from conftest import eventually, synced, write
 
 SYNCED_BADGE_FILL = "#13a86b"  # the fill of emblem-zarnu-synced.svg, in no other part of the window
 TOOLS = {"Xvfb": "xvfb", "nautilus": "nautilus", "dbus-daemon": "dbus-daemon", "import": "imagemagick",
-         "convert": "imagemagick"}
+         "convert": "imagemagick", "xdotool": "xdotool"}
+# From the top left corner of a file's badge to the middle of its icon, in the grid view.
+BADGE_TO_ICON = (-55, 40)
 BINDING = ["/usr/lib/*/nautilus/extensions-*/libnautilus-python.so", "/usr/lib*/nautilus/extensions-*/libnautilus-python.so"]
 
 
@@ -89,13 +93,23 @@ def desktop(tmp_path):
             stop(proc)
 
 
-def badge_pixels(env, shot):
-    """Takes a screenshot into `shot` and counts its pixels of the synced badge's colour."""
+def badges(env, shot, measure="%[fx:round(mean*w*h)]"):
+    """Takes a screenshot into `shot` and measures its pixels of the synced badge's colour: their
+    count, or with "%@" the box around them ("WxH+X+Y")."""
     subprocess.run(["import", "-window", "root", str(shot)], env=env, check=True, timeout=60)
     out = subprocess.run(["convert", str(shot), "-fill", "black", "+opaque", SYNCED_BADGE_FILL, "-fill", "white",
-                          "-opaque", SYNCED_BADGE_FILL, "-format", "%[fx:round(mean*w*h)]", "info:"],
+                          "-opaque", SYNCED_BADGE_FILL, "-format", measure, "info:"],
                          capture_output=True, text=True, check=True, timeout=60)
-    return int(out.stdout)
+    return int(out.stdout) if measure != "%@" else out.stdout
+
+
+def xdotool(env, *args):
+    return subprocess.run(["xdotool", *map(str, args)], env=env, capture_output=True, text=True, check=True,
+                          timeout=60).stdout
+
+
+def visible_windows(env):
+    return set(xdotool(env, "search", "--onlyvisible", "--name", "").split())
 
 
 def test_nautilus_shows_the_synced_badge(agent, desktop, tmp_path):
@@ -111,14 +125,26 @@ def test_nautilus_shows_the_synced_badge(agent, desktop, tmp_path):
 
     artifacts = bin_dir().parent / "test-artifacts"
     artifacts.mkdir(exist_ok=True)
-    shot = artifacts / "overlay-nautilus.png"
+    shot, menu_shot = artifacts / "overlay-nautilus.png", artifacts / "overlay-nautilus-menu.png"
     with open(tmp_path / "nautilus.log", "wb") as log:
         nautilus = subprocess.Popen(["nautilus", "--new-window", str(agent.root)], env=env, stdin=subprocess.DEVNULL,
                                     stdout=log, stderr=log)
     try:
-        one = eventually(lambda: badge_pixels(env, shot), timeout=120, what="the synced badge on screen")
+        one = eventually(lambda: badges(env, shot), timeout=120, what="the synced badge on screen")
+        badge_x, badge_y = (int(n) for n in badges(env, shot, "%@").split("+")[1:])
         # A file written while the window is open gets its badge as the agent pushes its status.
         write(agent.root / "written-later.txt", b"bytes that sync while the window is open")
-        eventually(lambda: badge_pixels(env, shot) >= 2 * one, timeout=120, what="a second badge")
+        eventually(lambda: badges(env, shot) >= 2 * one, timeout=120, what="a second badge")
+
+        # The file's context menu ends with the agent's items and the file manager's "Properties":
+        # three up from the bottom is "Copy public link".
+        windows = visible_windows(env)
+        xdotool(env, "mousemove", badge_x + BADGE_TO_ICON[0], badge_y + BADGE_TO_ICON[1], "click", "3")
+        eventually(lambda: visible_windows(env) > windows, timeout=60, what="the context menu")
+        xdotool(env, "key", "Up", "Up", "Up")
+        subprocess.run(["import", "-window", "root", str(menu_shot)], env=env, check=True, timeout=60)
+        xdotool(env, "key", "Return")
+        eventually(lambda: f"Public link for {agent.root / 'report.txt'}: " in agent.log(), timeout=60,
+                   what="the menu's command to reach the agent")
     finally:
         stop(nautilus)

@@ -2,6 +2,7 @@
 install|remove|repair` (which hand over to ZarnuAgent -installOverlay / -removeOverlay)
 with the real agent running, and ZarnuAgent itself from an installed tree."""
 import glob
+import pathlib
 import shutil
 import sqlite3
 import subprocess
@@ -13,8 +14,8 @@ from conftest import OVERLAY_FILES, eventually, synced, zarnu_overlay
 
 EXTENSION = ["zarnu_overlay.py", "zarnu_overlay_extension.py"]
 EMBLEMS = ["emblem-zarnu-synced.svg", "emblem-zarnu-syncing.svg", "emblem-zarnu-error.svg"]
-HAS_NAUTILUS_BINDING = any(glob.glob(p) for p in ("/usr/lib/*/nautilus/extensions-*/libnautilus-python.so",
-                                                  "/usr/lib*/nautilus/extensions-*/libnautilus-python.so"))
+NAUTILUS_BINDING = sorted(glob.glob("/usr/lib/*/nautilus/extensions-*/libnautilus-python.so") +
+                          glob.glob("/usr/lib*/nautilus/extensions-*/libnautilus-python.so"))
 
 
 def stored_overlay(data_dir):
@@ -32,10 +33,15 @@ def ours(share, extension_folder="nautilus-python/extensions"):
             [share / "icons/hicolor/scalable/emblems" / name for name in EMBLEMS])
 
 
-@pytest.mark.skipif(not HAS_NAUTILUS_BINDING, reason="needs the Debian package python3-nautilus")
-def test_install_remove_and_repair_through_zarnucmd_with_the_agent_running(agent, overlay):
+@pytest.mark.skipif(not NAUTILUS_BINDING, reason="needs the Debian package python3-nautilus")
+def test_install_remove_and_repair_through_zarnucmd_with_the_agent_running(agent, overlay, tmp_path):
     (path,) = synced(agent, "a.txt")
     zarnucmd = bin_dir() / "zarnucmd"
+    # The real binding of GNOME Files, and no other file manager's that this machine may have.
+    libraries = tmp_path / "libraries"
+    libraries.mkdir()
+    (libraries / "nautilus").symlink_to(pathlib.Path(NAUTILUS_BINDING[0]).parent.parent)
+    agent.env["ZARNU_EXTENSION_LIBDIRS"] = str(libraries)
     share = agent.home / ".local/share"
     # The user's own extension stays through everything, and so does its folder.
     mine = share / "nautilus-python/extensions/mine.py"

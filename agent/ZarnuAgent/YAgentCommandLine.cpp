@@ -21,10 +21,10 @@ const std::vector<YAgentCommandLine::Switch>& YAgentCommandLine::GetSwitches() {
       {"username", true, "With -link: the account to log in as"},
       {"root", true, "With -link: the local folder to keep in sync (created when missing)"},
       {"cloudAddress", true, "With -link: the cloud address (default $ZARNU_CLOUD_ADDRESS or https://localhost:8443/)"},
-      {"installOverlay", false, "Install the file-manager overlay for this user and exit"},
-      {"removeOverlay", false, "Remove the file-manager overlay for this user and exit"},
-      {"installOutlookAddin", false, "Install the mail client add-in and exit"},
-      {"removeOutlookAddin", false, "Remove the mail client add-in and exit"},
+      {"installOverlay", false, "Install the file-manager overlay (GNOME Files, Nemo, Caja) for this user and exit"},
+      {"removeOverlay", false, "Remove what -installOverlay installed for this user and exit"},
+      {"installOutlookAddin", false, "Say that there is no Outlook mail client on Linux and exit 95"},
+      {"removeOutlookAddin", false, "Say that there is no Outlook mail client on Linux and exit 95"},
   };
   return kSwitches;
 }

@@ -23,20 +23,20 @@ set(CPACK_DEBIAN_PACKAGE_HOMEPAGE "https://zarnu.example.org/")
 
 set(CPACK_DEBIAN_CLIENT_PACKAGE_NAME zarnu)
 set(CPACK_COMPONENT_CLIENT_DESCRIPTION "cloud-sync agent and its command line
- Zarnu keeps a folder of yours and your Zarnu cloud account the same, both
- ways. This package holds the agent ZarnuAgent (run for your user by the
- systemd user unit zarnu-agent.service), the command line zarnucmd that works
- on the cloud's files and drives the agent, the read-only cloud mount, the
- manual pages and the bash completion.")
+Zarnu keeps a folder of yours and your Zarnu cloud account the same, both
+ways. This package holds the agent ZarnuAgent (run for your user by the
+systemd user unit zarnu-agent.service), the command line zarnucmd that works
+on the cloud's files and drives the agent, the read-only cloud mount, the
+manual pages and the bash completion.")
 set(CPACK_DEBIAN_CLIENT_PACKAGE_RECOMMENDS "ca-certificates, fuse3")
 set(CPACK_DEBIAN_CLIENT_PACKAGE_SUGGESTS "python3-nautilus, zarnu-cloud")
 
 set(CPACK_DEBIAN_CLOUD_PACKAGE_NAME zarnu-cloud)
 set(CPACK_COMPONENT_CLOUD_DESCRIPTION "Zarnu cloud service
- zarnu-cloud serves Zarnu accounts over an HTTPS JSON API: their files and
- folders, the parts file contents are made of, public links and build slots.
- The package runs it as the system service zarnu-cloud.service under its own
- user, with its state in /var/lib/zarnu-cloud.")
+zarnu-cloud serves Zarnu accounts over an HTTPS JSON API: their files and
+folders, the parts file contents are made of, public links and build slots.
+The package runs it as the system service zarnu-cloud.service under its own
+user, with its state in /var/lib/zarnu-cloud.")
 set(CPACK_DEBIAN_CLOUD_PACKAGE_DEPENDS "adduser")
 set(CPACK_DEBIAN_CLOUD_PACKAGE_CONTROL_EXTRA
     ${CMAKE_CURRENT_SOURCE_DIR}/cloud/postinst ${CMAKE_CURRENT_SOURCE_DIR}/cloud/postrm)

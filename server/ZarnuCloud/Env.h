@@ -11,6 +11,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <string>
 
 namespace zarnu::cloud {
 
@@ -54,12 +55,6 @@ public:
     int mkdir(const char* path, mode_t mode) override;
     int fsetxattr(int fd, const char* name, const void* value, std::size_t size) override;
 };
-
-}  // namespace zarnu::cloud
-
-#include <string>
-
-namespace zarnu::cloud {
 
 /// Throws the error for a failed file operation: ApiError StorageFull when `error` is
 /// ENOSPC or EDQUOT (the disk is full; its message names no server path), else

@@ -28,7 +28,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int kRounds = 3;
+constexpr int kRounds = 2;
 constexpr std::size_t kMaxRuns = 400;  // far above the operations one workload makes
 
 std::string bytesOf(std::size_t size, unsigned seed) {

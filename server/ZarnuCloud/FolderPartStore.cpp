@@ -171,6 +171,13 @@ FolderPartStore::FolderPartStore(fs::path root, Env& env) : root_(std::move(root
     for (const auto& leftover : fs::directory_iterator(root_ / "tmp")) fs::remove(leftover.path(), ec);
 }
 
+std::mutex& FolderPartStore::placeLock(std::string_view fingerprint) {
+    // Parts of one folder share a lock (the folder's first two characters pick it).
+    const auto a = static_cast<unsigned char>(fingerprint.size() > 0 ? fingerprint[0] : 0);
+    const auto b = static_cast<unsigned char>(fingerprint.size() > 1 ? fingerprint[1] : 0);
+    return placeLocks_[(static_cast<std::size_t>(a) * 16 + b) % placeLocks_.size()];
+}
+
 fs::path FolderPartStore::pathOf(std::string_view fingerprint) const {
     return root_ / std::string(fingerprint.substr(0, 2)) / std::string(fingerprint);
 }
@@ -214,16 +221,14 @@ std::vector<bool> FolderPartStore::putMany(const std::vector<NewPart>& parts) {
     }
     std::vector<bool> written(parts.size(), false);
     std::set<fs::path> folders;
-    {
-        std::lock_guard lock(placeMutex_);
-        for (std::size_t k = 0; k < pending.size(); ++k) {
-            Pending& p = pending[k];
-            makeDirectory(env_, p.target.parent_path());
-            written[source[k]] = !contains(p.fingerprint);
-            if (env_.rename(p.temp.c_str(), p.target.c_str()) != 0) fail("cannot rename into", p.target);
-            cleanup.keep(p);
-            folders.insert(p.target.parent_path());
-        }
+    for (std::size_t k = 0; k < pending.size(); ++k) {
+        Pending& p = pending[k];
+        makeDirectory(env_, p.target.parent_path());
+        std::lock_guard lock(placeLock(p.fingerprint));
+        written[source[k]] = !contains(p.fingerprint);
+        if (env_.rename(p.temp.c_str(), p.target.c_str()) != 0) fail("cannot rename into", p.target);
+        cleanup.keep(p);
+        folders.insert(p.target.parent_path());
     }
     for (const fs::path& folder : folders) syncDirectory(env_, folder);
     return written;
@@ -245,7 +250,7 @@ std::optional<FileSlice> FolderPartStore::openFile(std::string_view fingerprint)
 void FolderPartStore::quarantine(std::string_view fingerprint, int fd) {
     const fs::path place = pathOf(fingerprint);
     const fs::path aside = root_ / "quarantine";
-    std::lock_guard lock(placeMutex_);
+    std::lock_guard lock(placeLock(fingerprint));
     struct stat open {}, placed {};
     if (::fstat(fd, &open) != 0 || ::stat(place.c_str(), &placed) != 0) return;
     if (open.st_ino != placed.st_ino || open.st_dev != placed.st_dev) return;  // already replaced
@@ -310,7 +315,7 @@ void FolderPartStore::forEach(const std::function<void(const StoredPart&)>& visi
 
 bool FolderPartStore::remove(std::string_view fingerprint, std::int64_t writtenBefore) {
     const fs::path place = pathOf(fingerprint);
-    std::lock_guard lock(placeMutex_);
+    std::lock_guard lock(placeLock(fingerprint));
     struct stat st {};
     if (::stat(place.c_str(), &st) != 0 || writtenAt(st) >= writtenBefore) return false;
     if (env_.unlink(place.c_str()) != 0) {

@@ -19,6 +19,7 @@
 #include "Env.h"
 #include "PartStore.h"
 
+#include <array>
 #include <atomic>
 #include <filesystem>
 #include <mutex>
@@ -53,9 +54,11 @@ private:
 
     std::filesystem::path root_;
     Env& env_;
-    /// Held around every rename into or out of a part's place, so that a reader moving
-    /// a damaged file aside never moves the good one an upload just put there.
-    std::mutex placeMutex_;
+    /// The lock held around every rename into or out of a part's place, so that a
+    /// reader moving a damaged file aside never moves the good one an upload just put
+    /// there. One per part folder (by the fingerprint's first byte).
+    std::mutex& placeLock(std::string_view fingerprint);
+    std::array<std::mutex, 256> placeLocks_;
     std::atomic<std::uint64_t> quarantined_{0};
 };
 

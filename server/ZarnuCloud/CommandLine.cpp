@@ -69,6 +69,7 @@ const std::vector<CommandLine::CommandSpec>& CommandLine::commands() {
          "SIGINT and SIGTERM stop it."},
         {"user add NAME [--data DIR]", "Adds an account; the password is one line on standard input."},
         {"user list [--data DIR]", "Lists the accounts."},
+        {"user quota NAME BYTES|none [--data DIR]", "Sets (or with none lifts) the bytes of parts the user may hold."},
         {"-h | --help", "Prints this help."},
     };
     return kCommands;
@@ -132,8 +133,22 @@ CommandLine CommandLine::parse(const std::vector<std::string>& args, const char*
         } else if (args[1] == "list") {
             cl.command = Command::UserList;
             i = 2;
+        } else if (args[1] == "quota") {
+            if (args.size() < 4 || args[2].rfind("-", 0) == 0)
+                throw UsageError("\"user quota\" needs a user NAME and BYTES (or none)");
+            cl.command = Command::UserQuota;
+            cl.userName = args[2];
+            const std::string& value = args[3];
+            if (value != "none") {
+                std::uint64_t bytes = 0;
+                auto [end, ec] = std::from_chars(value.data(), value.data() + value.size(), bytes);
+                if (value.empty() || ec != std::errc() || end != value.data() + value.size())
+                    throw UsageError("invalid quota \"" + value + "\": give a number of bytes or none");
+                cl.quotaBytes = bytes;
+            }
+            i = 4;
         } else {
-            throw UsageError("unknown user subcommand \"" + args[1] + "\" (use add or list)");
+            throw UsageError("unknown user subcommand \"" + args[1] + "\" (use add, list or quota)");
         }
     } else {
         throw UsageError("unknown command \"" + args[0] + "\" (try --help)");

@@ -3,9 +3,12 @@
 //   zarnu-cloud serve [--data DIR] [--listen HOST:PORT] [--tls-cert FILE --tls-key FILE | --self-signed | --http]
 //   zarnu-cloud user add NAME [--data DIR]
 //   zarnu-cloud user list [--data DIR]
+//   zarnu-cloud user quota NAME BYTES|none [--data DIR]
 //   zarnu-cloud -h | --help
 // Parsing is pure; errors throw UsageError with a message naming the bad input.
 
+#include <cstdint>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -19,7 +22,7 @@ public:
 };
 
 struct CommandLine {
-    enum class Command { Help, Serve, UserAdd, UserList };
+    enum class Command { Help, Serve, UserAdd, UserList, UserQuota };
     enum class Transport { SelfSigned, CertificateFiles, PlainHttp };
 
     Command command = Command::Help;
@@ -30,6 +33,7 @@ struct CommandLine {
     std::string certFile;
     std::string keyFile;
     std::string userName;
+    std::optional<std::uint64_t> quotaBytes;  ///< user quota: nothing for "none"
 
     /// home: value of $HOME (may be null) for the default data folder.
     static CommandLine parse(const std::vector<std::string>& args, const char* home);

@@ -24,6 +24,8 @@ enum class ErrorCode : int {
     IsFolder = 181,
     BadLogin = 191,
     Conflict = 202,  ///< a conditional write found another version than the client saw
+    QuotaExceeded = 210,  ///< the upload would take the account past its storage quota
+    StorageFull = 211,    ///< the service's disk is full; nothing of the request was stored
 };
 
 /// HTTP status that normally goes with an error code.

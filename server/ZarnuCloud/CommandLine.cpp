@@ -67,7 +67,9 @@ std::string CommandLine::usage() {
 Usage:
   zarnu-cloud serve [--data DIR] [--listen HOST:PORT]
                     [--tls-cert FILE --tls-key FILE | --self-signed | --http]
-  zarnu-cloud user add NAME [--data DIR]     (password: one line on standard input)
+  zarnu-cloud user add NAME [--build] [--data DIR]
+                                   (password: one line on standard input)
+  zarnu-cloud user set NAME (--build | --no-build) [--data DIR]
   zarnu-cloud user list [--data DIR]
   zarnu-cloud -h | --help
 
@@ -80,6 +82,12 @@ Options:
   --tls-cert FILE      HTTPS with this PEM certificate chain (needs --tls-key)
   --tls-key FILE       PEM private key for --tls-cert
   --http               plain HTTP; only on loopback addresses
+  --build              user add/set: give the account the build role (it may read
+                       and post its build slots)
+  --no-build           user set: take the build role away
+
+The operator credential (service-wide statistics) is the token in the file
+operator.token of the data folder, made on the first start.
 
 Once serving, prints "listening on <url>". SIGINT/SIGTERM stop it.
 The API is described in docs/cloud-api.md.
@@ -99,17 +107,18 @@ CommandLine CommandLine::parse(const std::vector<std::string>& args, const char*
         cl.command = Command::Serve;
         i = 1;
     } else if (args[0] == "user") {
-        if (args.size() < 2) throw UsageError("\"user\" needs a subcommand: add or list");
-        if (args[1] == "add") {
-            if (args.size() < 3 || args[2].rfind("-", 0) == 0) throw UsageError("\"user add\" needs a user NAME");
-            cl.command = Command::UserAdd;
+        if (args.size() < 2) throw UsageError("\"user\" needs a subcommand: add, set or list");
+        if (args[1] == "add" || args[1] == "set") {
+            if (args.size() < 3 || args[2].rfind("-", 0) == 0)
+                throw UsageError("\"user " + args[1] + "\" needs a user NAME");
+            cl.command = args[1] == "add" ? Command::UserAdd : Command::UserSet;
             cl.userName = args[2];
             i = 3;
         } else if (args[1] == "list") {
             cl.command = Command::UserList;
             i = 2;
         } else {
-            throw UsageError("unknown user subcommand \"" + args[1] + "\" (use add or list)");
+            throw UsageError("unknown user subcommand \"" + args[1] + "\" (use add, set or list)");
         }
     } else {
         throw UsageError("unknown command \"" + args[0] + "\" (try --help)");
@@ -132,10 +141,16 @@ CommandLine CommandLine::parse(const std::vector<std::string>& args, const char*
             selfSigned = true;
         } else if (cl.command == Command::Serve && a == "--http") {
             http = true;
+        } else if ((cl.command == Command::UserAdd || cl.command == Command::UserSet) && a == "--build") {
+            cl.buildRole = true;
+        } else if (cl.command == Command::UserSet && a == "--no-build") {
+            cl.buildRole = false;
         } else {
             throw UsageError("unknown option \"" + a + "\" (try --help)");
         }
     }
+    if (cl.command == Command::UserSet && !cl.buildRole)
+        throw UsageError("\"user set " + cl.userName + "\" needs --build or --no-build");
     const bool files = !cl.certFile.empty() || !cl.keyFile.empty();
     if (int(selfSigned) + int(http) + int(files) > 1)
         throw UsageError("choose one of --tls-cert/--tls-key, --self-signed and --http");

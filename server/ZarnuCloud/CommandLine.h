@@ -1,11 +1,13 @@
 #pragma once
 // The zarnu-cloud command line:
 //   zarnu-cloud serve [--data DIR] [--listen HOST:PORT] [--tls-cert FILE --tls-key FILE | --self-signed | --http]
-//   zarnu-cloud user add NAME [--data DIR]
+//   zarnu-cloud user add NAME [--build] [--data DIR]
+//   zarnu-cloud user set NAME (--build | --no-build) [--data DIR]
 //   zarnu-cloud user list [--data DIR]
 //   zarnu-cloud -h | --help
 // Parsing is pure; errors throw UsageError with a message naming the bad input.
 
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -19,7 +21,7 @@ public:
 };
 
 struct CommandLine {
-    enum class Command { Help, Serve, UserAdd, UserList };
+    enum class Command { Help, Serve, UserAdd, UserSet, UserList };
     enum class Transport { SelfSigned, CertificateFiles, PlainHttp };
 
     Command command = Command::Help;
@@ -30,6 +32,9 @@ struct CommandLine {
     std::string certFile;
     std::string keyFile;
     std::string userName;
+    /// user add / user set: the build role (may post and read build slots). For `user
+    /// set`, unset means the switch was not given.
+    std::optional<bool> buildRole;
 
     /// home: value of $HOME (may be null) for the default data folder.
     static CommandLine parse(const std::vector<std::string>& args, const char* home);

@@ -40,11 +40,20 @@ def add_user(exe, data, user, password):
                    check=True, capture_output=True)
 
 
-def get_json(url, body=None):
+def get_json(url, body=None, token=None):
     data = None if body is None else json.dumps(body).encode()
-    req = urllib.request.Request(url, data=data, headers={"Content-Type": "application/json"})
+    headers = {"Content-Type": "application/json"}
+    if token:
+        headers["Authorization"] = "Bearer " + token
+    req = urllib.request.Request(url, data=data, headers=headers)
     with urllib.request.urlopen(req, timeout=60) as answer:
         return json.load(answer)
+
+
+def operator_token(data):
+    """The operator credential a service made in its data folder (service-wide stats)."""
+    with open(os.path.join(data, "operator.token")) as f:
+        return f.read().strip()
 
 
 def hash_rate(helper, mib=1024):

@@ -29,8 +29,9 @@ def run_cloud(*args, stdin=None, check=True):
     return result
 
 
-def add_user(data_dir, name, password):
-    run_cloud("user", "add", name, "--data", data_dir, stdin=password + "\n")
+def add_user(data_dir, name, password, build=False):
+    """Adds an account; `build` gives it the build role (build slots)."""
+    run_cloud("user", "add", name, "--data", data_dir, *(["--build"] if build else []), stdin=password + "\n")
 
 
 class CloudProcess:

@@ -67,6 +67,7 @@ std::string CommandLine::usage() {
 Usage:
   zarnu-cloud serve [--data DIR] [--listen HOST:PORT]
                     [--tls-cert FILE --tls-key FILE | --self-signed | --http]
+                    [--max-connections N]
   zarnu-cloud user add NAME [--build] [--data DIR]
                                    (password: one line on standard input)
   zarnu-cloud user set NAME (--build | --no-build) [--data DIR]
@@ -82,6 +83,8 @@ Options:
   --tls-cert FILE      HTTPS with this PEM certificate chain (needs --tls-key)
   --tls-key FILE       PEM private key for --tls-cert
   --http               plain HTTP; only on loopback addresses
+  --max-connections N  serve at most N connections at once (default: 4096, or less
+                       when the descriptor limit is low); more wait to be accepted
   --build              user add/set: give the account the build role (it may read
                        and post its build slots)
   --no-build           user set: take the build role away
@@ -141,6 +144,13 @@ CommandLine CommandLine::parse(const std::vector<std::string>& args, const char*
             selfSigned = true;
         } else if (cl.command == Command::Serve && a == "--http") {
             http = true;
+        } else if (cl.command == Command::Serve && a == "--max-connections") {
+            const std::string value = next(a);
+            std::size_t n = 0;
+            auto [end, ec] = std::from_chars(value.data(), value.data() + value.size(), n);
+            if (value.empty() || ec != std::errc() || end != value.data() + value.size() || n < 1 || n > 1000000)
+                throw UsageError("invalid --max-connections \"" + value + "\": use a number from 1 to 1000000");
+            cl.maxConnections = n;
         } else if ((cl.command == Command::UserAdd || cl.command == Command::UserSet) && a == "--build") {
             cl.buildRole = true;
         } else if (cl.command == Command::UserSet && a == "--no-build") {

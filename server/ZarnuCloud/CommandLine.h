@@ -1,6 +1,7 @@
 #pragma once
 // The zarnu-cloud command line:
 //   zarnu-cloud serve [--data DIR] [--listen HOST:PORT] [--tls-cert FILE --tls-key FILE | --self-signed | --http]
+//                     [--max-connections N]
 //   zarnu-cloud user add NAME [--build] [--data DIR]
 //   zarnu-cloud user set NAME (--build | --no-build) [--data DIR]
 //   zarnu-cloud user list [--data DIR]
@@ -32,6 +33,8 @@ struct CommandLine {
     std::string certFile;
     std::string keyFile;
     std::string userName;
+    /// serve: the connection cap; 0 derives it from the descriptor limit.
+    std::size_t maxConnections = 0;
     /// user add / user set: the build role (may post and read build slots). For `user
     /// set`, unset means the switch was not given.
     std::optional<bool> buildRole;

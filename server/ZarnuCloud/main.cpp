@@ -58,6 +58,7 @@ int serve(const CommandLine& cl) {
     const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
     options.ioThreads = std::min(cores, 4u);
     options.workerThreads = std::max(4u, cores * 2);
+    options.maxConnections = cl.maxConnections;
     options.onStop = [&service] { service.shutdown(); };
 
     const OperatorCredential operatorCredential =

@@ -1,0 +1,150 @@
+"""What one client cannot do to the others: bodies refused before they are read, slow
+senders cut off, the connection cap. Raw sockets, so that the requests can be as
+broken or as slow as an attacker's."""
+
+import json
+import socket
+import threading
+import time
+import urllib.parse
+
+import pytest
+
+from cloudservice import add_user
+
+# How long the tests wait for the service to react; the service's own limits are far
+# shorter, so this only ends a test that is failing.
+PATIENCE = 60
+
+
+def connect(url):
+    parts = urllib.parse.urlsplit(url)
+    sock = socket.create_connection((parts.hostname, parts.port), timeout=PATIENCE)
+    return sock
+
+
+def read_answer(sock):
+    """Reads one answer (head and Content-Length body); returns (status, headers, body),
+    or None when the service closed the connection without answering."""
+    data = b""
+    while b"\r\n\r\n" not in data:
+        chunk = sock.recv(65536)
+        if not chunk:
+            return None
+        data += chunk
+    head, _, body = data.partition(b"\r\n\r\n")
+    lines = head.decode().split("\r\n")
+    headers = {k.lower(): v.strip() for k, _, v in (line.partition(":") for line in lines[1:])}
+    length = int(headers.get("content-length", 0))
+    while len(body) < length:
+        chunk = sock.recv(65536)
+        if not chunk:
+            break
+        body += chunk
+    return int(lines[0].split()[1]), headers, body
+
+
+def closed_by_service(sock):
+    """Waits until the service closes the connection, ignoring any answer before."""
+    while True:
+        try:
+            if not sock.recv(65536):
+                return True
+        except ConnectionResetError:
+            return True
+
+
+def head(path, token=None, length=None, extra=""):
+    lines = [f"POST {path} HTTP/1.1", "Host: test"]
+    if token:
+        lines.append("Authorization: Bearer " + token)
+    if length is not None:
+        lines.append(f"Content-Length: {length}")
+    return ("\r\n".join(lines) + "\r\n" + extra + "\r\n").encode()
+
+
+def test_credential_is_checked_before_a_large_body(cloud_server, new_account):
+    alice = new_account()
+    upload = "/api/v1/parts/upload"
+    # A stranger announcing a batch of parts is refused at once: the service answers
+    # without waiting for a byte of the body (none is ever sent).
+    for token in (None, "0" * 64):
+        with connect(cloud_server.url) as sock:
+            sock.sendall(head(upload, token, 5 * 1024 * 1024, "Expect: 100-continue\r\n"))
+            status, _, body = read_answer(sock)
+            assert status == 401 and json.loads(body)["error"]["code"] == 177
+    # The same with a valid token waits for the body (100 Continue first), then takes it.
+    part = b"x" * 100000
+    body = alice.upload_body([part])
+    with connect(cloud_server.url) as sock:
+        sock.sendall(head(upload, alice.token, len(body), "Expect: 100-continue\r\n"))
+        assert read_answer(sock)[0] == 100
+        sock.sendall(body)
+        status, _, answer = read_answer(sock)
+        assert status == 200 and json.loads(answer) == {"received": 1}
+
+    # Each endpoint has its own body limit, enforced before the body is read.
+    for path, length in [("/api/v1/login", 65 * 1024), ("/api/v1/list", 1024 * 1024 + 1),
+                         (upload, 6 * 1024 * 1024)]:
+        with connect(cloud_server.url) as sock:
+            sock.sendall(head(path, alice.token, length))
+            status, _, answer = read_answer(sock)
+            assert status == 413 and json.loads(answer)["error"]["code"] == 175, path
+
+
+def test_slow_senders_are_cut_off_while_others_are_served(cloud_factory):
+    proc = cloud_factory()
+    add_user(proc.data_dir, "patient", "pw")
+    client = proc.client()
+    client.login("patient", "pw")
+    token = client.token
+
+    # A header that never ends, and a body that trickles in at a few bytes a second.
+    loris = connect(proc.url)
+    loris.sendall(b"POST /api/v1/list HTTP/1.1\r\nHost: test\r\n")
+    trickle = connect(proc.url)
+    trickle.sendall(head("/api/v1/parts/upload", token, 1024 * 1024))
+    outcome = {}
+
+    def drip():
+        try:
+            while True:
+                trickle.sendall(b"{")
+                time.sleep(0.5)
+        except OSError:
+            outcome["cut"] = True
+
+    dripper = threading.Thread(target=drip, daemon=True)
+    dripper.start()
+    try:
+        # Meanwhile everybody else is served.
+        assert client.list("/")["entries"][0]["path"] == "/"
+        assert closed_by_service(loris)
+        answer = read_answer(trickle)
+        assert answer is not None and answer[0] == 408
+        assert json.loads(answer[2])["error"]["code"] == 222
+        dripper.join(PATIENCE)
+        assert outcome.get("cut")
+        assert client.list("/")["entries"][0]["path"] == "/"
+    finally:
+        loris.close()
+        trickle.close()
+
+
+def test_connections_beyond_the_cap_wait_for_a_free_place(cloud_factory, tmp_path):
+    proc = cloud_factory(tmp_path / "capped", "--listen", "127.0.0.1:0", "--http", "--max-connections", "3")
+    idle = [connect(proc.url) for _ in range(3)]
+    late = connect(proc.url)  # completes in the kernel's backlog; the service has not taken it
+    try:
+        late.sendall(b"GET /api/v1/info HTTP/1.1\r\nHost: test\r\n\r\n")
+        late.settimeout(1)
+        with pytest.raises(socket.timeout):
+            late.recv(1)
+        late.settimeout(PATIENCE)
+        idle.pop().close()  # a place frees up: the waiting connection is taken and served
+        status, _, body = read_answer(late)
+        assert status == 200 and json.loads(body)["service"] == "zarnu-cloud"
+    finally:
+        late.close()
+        for sock in idle:
+            sock.close()

@@ -44,8 +44,16 @@ def test_self_signed_https_verifies_with_its_certificate(tmp_path):
         assert by_name.get_json("/api/v1/info", auth=False)["service"] == "zarnu-cloud"
         with pytest.raises(ssl.SSLCertVerificationError):
             CloudClient(proc.url).get_json("/api/v1/info", auth=False)
-        link = client.call("links/create", {"paths": ["/"]})["link"]
+        # Part files go through the cipher (read off the network threads), in parts
+        # downloads and in a public link's stream alike.
+        data = bytes(range(256)) * 6000
+        client.put_file("/tls.bin", data, part_size=300000)
+        assert client.get_file("/tls.bin") == data
+        link = client.call("links/create", {"paths": ["/tls.bin"]})["link"]
         assert link.startswith("https://")
+        status, _, body = CloudClient(proc.url, cafile=str(cert)).request(
+            "GET", link[link.index("/public/"):], auth=False)
+        assert status == 200 and body == data
     finally:
         proc.stop()
     # The certificate is kept across restarts.

@@ -260,11 +260,11 @@ private:
                               });
     }
 
+    // A read that timed out has closed the socket (Beast's tcp_stream does): there is no
+    // one left to answer.
     void failRead(beast::error_code ec) {
         if (ec == http::error::body_limit || ec == http::error::header_limit)
             return respondAndClose(plainError(413, kCodeTooLarge, "The request is too large"));
-        if (ec == beast::error::timeout && head_)
-            return respondAndClose(plainError(408, kCodeTooSlow, "The request was sent too slowly"));
         if (ec.category() == http::make_error_code(http::error::bad_target).category())
             return respondAndClose(plainError(400, kCodeBadInput, "Malformed HTTP request"));
         self().close();

@@ -13,8 +13,9 @@
 //    the 60 s idle time), the TLS handshake within 10 s;
 //  * the credential of a request with a body over 64 KiB (or of unknown length) is
 //    checked as soon as its header arrives, before the body is read;
-//  * a body must keep coming: no read may wait more than 20 s, and after its first 10 s
-//    it must average at least 16 KiB/s (else 408, code 222, and the connection closes);
+//  * a body must keep coming: no read may wait more than 20 s (else the connection
+//    closes), and after its first 10 s it must average at least 16 KiB/s (else 408,
+//    code 222, and the connection closes);
 //  * every write of an answer (a header, a chunk, a wait for room to send a file) must
 //    progress within 30 s, however long the whole answer takes;
 //  * files are read on the worker pool, never on the I/O threads (sendfile(2) excepted,

@@ -3,6 +3,7 @@ senders cut off, the connection cap. Raw sockets, so that the requests can be as
 broken or as slow as an attacker's."""
 
 import json
+import select
 import socket
 import threading
 import time
@@ -10,7 +11,7 @@ import urllib.parse
 
 import pytest
 
-from cloudservice import add_user
+from cloudservice import CloudProcess, add_user
 
 # How long the tests wait for the service to react; the service's own limits are far
 # shorter, so this only ends a test that is failing.
@@ -148,3 +149,37 @@ def test_connections_beyond_the_cap_wait_for_a_free_place(cloud_factory, tmp_pat
         late.close()
         for sock in idle:
             sock.close()
+
+
+def test_out_of_descriptors_the_service_backs_off_and_recovers(tmp_path):
+    # Few descriptors and a cap above them: accepting fails with EMFILE.
+    proc = CloudProcess(tmp_path / "starved", "--listen", "127.0.0.1:0", "--http", "--max-connections", "1000",
+                        prefix=("prlimit", "--nofile=64:64"))
+    proc.start()
+    flood = []
+    try:
+        for _ in range(100):
+            flood.append(connect(proc.url))
+        probe = connect(proc.url)
+        probe.sendall(b"GET /api/v1/info HTTP/1.1\r\nHost: test\r\n\r\n")
+        marker = "error: accepting connections: "
+        give_up = time.monotonic() + PATIENCE
+        while marker not in proc.log():
+            assert time.monotonic() < give_up, "the service never reported running out of descriptors"
+            # The probe waits behind the flood: the service cannot take it, and says so.
+            readable, _, _ = select.select([probe], [], [], 0.1)
+            assert not readable, "the probe was answered although descriptors ran out"
+        line = next(line for line in proc.log().splitlines() if line.startswith(marker))
+        assert "trying again in" in line
+        for sock in flood:
+            sock.close()
+        flood.clear()
+        probe.settimeout(PATIENCE)
+        status, _, body = read_answer(probe)
+        assert status == 200 and json.loads(body)["service"] == "zarnu-cloud"
+        probe.close()
+        assert proc.client().get_json("/api/v1/info", auth=False)["service"] == "zarnu-cloud"
+    finally:
+        for sock in flood:
+            sock.close()
+        proc.stop()

@@ -137,6 +137,8 @@ struct HttpServer::Impl {
     void releaseConnection();
 };
 
+namespace {
+
 // Holds one place under the connection cap for as long as a connection lives.
 class ConnectionSlot {
 public:
@@ -148,8 +150,6 @@ public:
 private:
     HttpServer::Impl& server_;
 };
-
-namespace {
 
 // One connection. Derived provides stream(), close() and sendSlices(); everything runs on
 // the connection's strand except the request handler, the credential check and file

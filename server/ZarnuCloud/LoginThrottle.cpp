@@ -1,6 +1,9 @@
 #include "LoginThrottle.h"
 
+#include <arpa/inet.h>
+
 #include <algorithm>
+#include <cstring>
 
 namespace zarnu::cloud {
 
@@ -29,10 +32,20 @@ void LoginThrottle::note(Records& records, const std::string& key, Clock::time_p
     r.lastFailure = now;
 }
 
+std::string LoginThrottle::addressKey(std::string_view address) {
+    const std::string text(address);
+    in6_addr a6{};
+    if (inet_pton(AF_INET6, text.c_str(), &a6) != 1) return text;
+    std::memset(a6.s6_addr + 8, 0, 8);
+    char out[INET6_ADDRSTRLEN] = {};
+    if (!inet_ntop(AF_INET6, &a6, out, sizeof out)) return text;
+    return std::string(out) + "/64";
+}
+
 std::int64_t LoginThrottle::secondsToWait(std::string_view user, std::string_view address, Clock::time_point now) {
     std::lock_guard lock(mutex_);
     const auto left = std::max(waitLeft(users_, std::string(user), kPerUser, now),
-                               waitLeft(addresses_, std::string(address), kPerAddress, now));
+                               waitLeft(addresses_, addressKey(address), kPerAddress, now));
     if (left <= Clock::duration::zero()) return 0;
     return std::chrono::ceil<std::chrono::seconds>(left).count();
 }
@@ -40,7 +53,7 @@ std::int64_t LoginThrottle::secondsToWait(std::string_view user, std::string_vie
 void LoginThrottle::failed(std::string_view user, std::string_view address, Clock::time_point now) {
     std::lock_guard lock(mutex_);
     note(users_, std::string(user), now);
-    note(addresses_, std::string(address), now);
+    note(addresses_, addressKey(address), now);
 }
 
 void LoginThrottle::succeeded(std::string_view user) {

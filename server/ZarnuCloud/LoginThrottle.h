@@ -1,7 +1,8 @@
 #pragma once
 // Throttles password logins, per user name and per client address: after a few failed
 // attempts each further attempt must wait, twice as long after every failure, up to a
-// cap. A success clears the user name's record (not the address's). Records are
+// cap. A success clears the user name's record (not the address's). IPv6 addresses count
+// per /64 network (one host usually holds a whole /64). Records are
 // forgotten an hour after their last failure, and at most kMaxTracked are kept.
 // Thread-safe. The clock is passed in, so the policy is testable without waiting.
 
@@ -33,6 +34,10 @@ public:
     std::int64_t secondsToWait(std::string_view user, std::string_view address, Clock::time_point now);
     void failed(std::string_view user, std::string_view address, Clock::time_point now);
     void succeeded(std::string_view user);
+
+    /// The key an address is throttled under: an IPv4 address itself, an IPv6 address's
+    /// /64 network.
+    static std::string addressKey(std::string_view address);
 
 private:
     struct Record {

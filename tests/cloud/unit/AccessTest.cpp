@@ -91,6 +91,10 @@ TEST(LoginThrottle, WaitsGrowAfterTheFreeFailuresAndSuccessClearsTheUser) {
     EXPECT_EQ(throttle.secondsToWait("u", "a4", now),
               std::chrono::duration_cast<std::chrono::seconds>(LoginThrottle::kPerUser.maxWait).count());
     EXPECT_GT(throttle.secondsToWait("x", "a3", now), 0);  // the address is throttled too
+    for (int i = 0; i < 25; ++i) throttle.failed("y" + std::to_string(i), "2001:db8:1:2::" + std::to_string(i + 1), now);
+    EXPECT_GT(throttle.secondsToWait("z", "2001:db8:1:2:ffff::9", now), 0);  // the same /64
+    EXPECT_EQ(throttle.secondsToWait("z", "2001:db8:1:3::1", now), 0);
+    EXPECT_EQ(throttle.secondsToWait("z", "192.0.2.1", now), 0);
     now += LoginThrottle::kForgetAfter;
     EXPECT_EQ(throttle.secondsToWait("u", "a3", now), 0);
 }

@@ -97,9 +97,10 @@ LoginResult CloudService::loginWithPassword(std::string_view user, std::string_v
         throw badLogin();
     }
     std::string token = Secrets::randomHex(kTokenBytes);
+    const std::string tokenHash = Secrets::sha256(token);
     const std::int64_t now = unixNow();
-    meta_.addToken(Secrets::sha256(token), account->id, now);
-    meta_.trimTokens(account->id, kMaxTokensPerAccount);
+    meta_.addToken(tokenHash, account->id, now);
+    meta_.trimTokens(account->id, kMaxTokensPerAccount, tokenHash);
     meta_.removeTokensUnusedSince(now - kTokenLifetimeSeconds);
     stats_.logins++;
     return {*account, token};

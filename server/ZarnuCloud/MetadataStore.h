@@ -109,8 +109,9 @@ public:
     /// removed and answers nothing.
     virtual std::optional<AccountId> useToken(std::string_view tokenHash, std::int64_t now, std::int64_t lifetime,
                                               std::int64_t refreshAfter) = 0;
-    /// Removes the account's least recently used tokens until at most `keep` remain.
-    virtual void trimTokens(AccountId account, std::size_t keep) = 0;
+    /// Removes the account's least recently used tokens until at most `keep` remain;
+    /// never the token `newestHash` (the one just made, whose time may equal others').
+    virtual void trimTokens(AccountId account, std::size_t keep, std::string_view newestHash) = 0;
     /// Removes every token made or last used before `before`; returns how many.
     virtual std::size_t removeTokensUnusedSince(std::int64_t before) = 0;
     /// Whether the account has the role (a short lower-case name such as "build").

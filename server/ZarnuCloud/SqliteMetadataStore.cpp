@@ -557,13 +557,13 @@ std::optional<AccountId> SqliteMetadataStore::useToken(std::string_view tokenHas
     return account;
 }
 
-void SqliteMetadataStore::trimTokens(AccountId account, std::size_t keep) {
+void SqliteMetadataStore::trimTokens(AccountId account, std::size_t keep, std::string_view newestHash) {
     auto c = acquire();
     writeTransaction(writeMutex_, *c, [&] {
         Statement s(*c, std::string("DELETE FROM tokens WHERE account = ? AND hash NOT IN (SELECT hash FROM tokens "
-                                    "WHERE account = ? ORDER BY ") +
+                                    "WHERE account = ? ORDER BY hash = ? DESC, ") +
                             kTokenLastUse + " DESC, created DESC LIMIT ?)");
-        s.bind(account).bind(account).bind(static_cast<std::int64_t>(keep)).run();
+        s.bind(account).bind(account).bindBlob(newestHash).bind(static_cast<std::int64_t>(keep)).run();
     });
 }
 

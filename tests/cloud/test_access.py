@@ -2,6 +2,7 @@
 token revocation and the operator credential."""
 
 import os
+from concurrent.futures import ThreadPoolExecutor
 
 import pytest
 
@@ -90,3 +91,26 @@ def test_failed_logins_are_throttled_per_user_and_per_address(cloud_factory):
     assert e.value.code == 220
     stats = proc.operator_client().stats()
     assert stats["logins_throttled"] >= 2
+
+
+def test_an_account_keeps_at_most_a_hundred_tokens(cloud_factory):
+    proc = cloud_factory()
+    add_user(proc.data_dir, "busy", "pw")
+
+    def login_many(n):
+        client = proc.client()
+        return [client.login("busy", "pw")["token"] for _ in range(n)]
+
+    with ThreadPoolExecutor(3) as pool:
+        tokens = [t for batch in pool.map(login_many, [34] * 3) for t in batch]
+    last = proc.client().login("busy", "pw")["token"]
+    # 103 tokens were made; the account keeps 100, the newest among them.
+    alive = 0
+    for token in tokens + [last]:
+        try:
+            CloudClient(proc.url, token=token).list("/")
+            alive += 1
+        except CloudError as e:
+            assert e.code == 177
+    assert alive == 100
+    assert CloudClient(proc.url, token=last).list("/")["entries"]

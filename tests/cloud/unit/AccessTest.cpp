@@ -42,7 +42,9 @@ TEST_F(Tokens, CapKeepsTheMostRecentlyUsedAndSweepRemovesStaleOnes) {
     for (int i = 0; i < 5; ++i) store->addToken(hashOf(i), alice, 1000 + i);
     store->addToken(hashOf(9), bob, 1000);
     ASSERT_TRUE(store->useToken(hashOf(0), 1500, kLifetime, kRefresh));  // the oldest, used last
-    store->trimTokens(alice, 3);
+    store->addToken(hashOf(5), alice, 1000);  // just made, in a second others share
+    store->trimTokens(alice, 4, hashOf(5));
+    EXPECT_TRUE(store->accountByToken(hashOf(5)));
     EXPECT_TRUE(store->accountByToken(hashOf(0)));
     EXPECT_FALSE(store->accountByToken(hashOf(1)));
     EXPECT_FALSE(store->accountByToken(hashOf(2)));
@@ -50,7 +52,7 @@ TEST_F(Tokens, CapKeepsTheMostRecentlyUsedAndSweepRemovesStaleOnes) {
     EXPECT_TRUE(store->accountByToken(hashOf(4)));
     EXPECT_TRUE(store->accountByToken(hashOf(9)));  // other accounts keep theirs
 
-    EXPECT_EQ(store->removeTokensUnusedSince(1004), 2u);  // hashOf(3) and bob's
+    EXPECT_EQ(store->removeTokensUnusedSince(1004), 3u);  // hashOf(3), hashOf(5) and bob's
     EXPECT_TRUE(store->accountByToken(hashOf(0)));
     EXPECT_TRUE(store->accountByToken(hashOf(4)));
     EXPECT_FALSE(store->accountByToken(hashOf(9)));

@@ -381,9 +381,13 @@ size_t YCloudApi::SendNeededParts(const PartList& batch, uint64_t /*reserved*/) 
   return SendParts(batch, bytes);
 }
 
-size_t YCloudApi::SendParts(const PartList& batch, const std::vector<std::string_view>& bytes) {
+size_t YCloudApi::SendParts(const PartList& batch, const std::vector<std::string_view>& bytes,
+                            const std::function<void()>& bytesFree) {
   const std::vector<YString> fingerprints = DistinctFingerprints(batch);
-  if (fingerprints.empty()) return 0;
+  if (fingerprints.empty()) {
+    if (bytesFree) bytesFree();
+    return 0;
+  }
   RequireLogin("SendNeededParts");
 
   std::set<YString> missing;
@@ -418,6 +422,7 @@ size_t YCloudApi::SendParts(const PartList& batch, const std::vector<std::string
     to_send.push_back(p);
     to_send_bytes.push_back(held);
   }
+  if (to_send.empty() && bytesFree) bytesFree();
 
   const std::map<YString, YString> headers{{"Content-Type", "application/octet-stream"},
                                            {"Accept", "application/json"},
@@ -433,7 +438,9 @@ size_t YCloudApi::SendParts(const PartList& batch, const std::vector<std::string
     std::vector<std::string_view> pieces{manifest};
     pieces.insert(pieces.end(), to_send_bytes.begin() + static_cast<long>(start),
                   to_send_bytes.begin() + static_cast<long>(end));
-    YCurlObj::Response answer = curl_->Post(path, headers, std::move(pieces));
+    const bool last = end == to_send.size();
+    YCurlObj::Response answer =
+        curl_->Post(path, headers, std::move(pieces), nullptr, 0, last ? bytesFree : std::function<void()>());
     if (answer.status != 200)
       Qel::Exception::Raise(AnswerError(answer.status, answer.body, curl_->MakeUrl(path), "SendNeededParts"));
     const unsigned long long received = ReadAnswer("parts/upload", "SendNeededParts", [&] {

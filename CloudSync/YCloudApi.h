@@ -23,6 +23,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <list>
 #include <memory>
 #include <string>
@@ -137,8 +138,13 @@ class YCloudApi {
   size_t SendNeededParts(const PartList& batch, uint64_t reserved);
   // SendNeededParts for parts whose bytes lie elsewhere (their `data` is not
   // read): bytes[i] holds the bytes of the i-th part of `batch`. They are
-  // sent from there, never copied into one body.
-  size_t SendParts(const PartList& batch, const std::vector<std::string_view>& bytes);
+  // sent from there, never copied into one body. `bytesFree` (optional) is
+  // called once, on this thread, as soon as `bytes` are no longer read: when
+  // the last upload body has been taken by the connection (the cloud's
+  // answer may still be on its way), or at once when nothing is lacking. It
+  // is not called when the call raises before that point. Must not throw.
+  size_t SendParts(const PartList& batch, const std::vector<std::string_view>& bytes,
+                   const std::function<void()>& bytesFree = {});
   // Creates (or replaces) the file at `path` from the ordered part list (only
   // fingerprints and sizes are read). Raises 162 when the cloud lacks a part.
   MetadataPtr CreateFile(const Qel::YString& path, const PartList& parts);

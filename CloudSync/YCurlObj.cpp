@@ -47,9 +47,11 @@ YCurlObj::Response YCurlObj::Post(const Qel::YString& path, const HttpHeaders& h
 }
 
 YCurlObj::Response YCurlObj::Post(const Qel::YString& path, const HttpHeaders& headers,
-                                  std::vector<std::string_view> pieces, IBodySink* sink, long timeout) {
+                                  std::vector<std::string_view> pieces, IBodySink* sink, long timeout,
+                                  std::function<void()> bodyTaken) {
   HttpRequest request;
   request.bodyPieces = std::move(pieces);
+  request.bodyTaken = std::move(bodyTaken);
   request.sink = sink;
   return Perform(std::move(request), path, headers, timeout);
 }

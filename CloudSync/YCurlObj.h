@@ -19,6 +19,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -65,8 +66,11 @@ class YCurlObj {
                 long timeout = 0);
   // Sends the body `pieces` one after the other, from where they lie. With
   // `sink`, the answer's body goes there instead of Response::body.
+  // `bodyTaken` (optional) is called once the pieces are no longer read
+  // (HttpRequest::bodyTaken).
   Response Post(const Qel::YString& path, const std::map<Qel::YString, Qel::YString>& headers,
-                std::vector<std::string_view> pieces, IBodySink* sink = nullptr, long timeout = 0);
+                std::vector<std::string_view> pieces, IBodySink* sink = nullptr, long timeout = 0,
+                std::function<void()> bodyTaken = {});
   Response Get(const Qel::YString& path, const std::map<Qel::YString, Qel::YString>& headers, long timeout = 0);
 
   // Takes over `other`'s time-outs, trust and speed limits.

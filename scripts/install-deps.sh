@@ -10,6 +10,7 @@ PACKAGES=(
   libssl-dev libcurl4-openssl-dev libsqlite3-dev sqlite3 libsodium-dev libfuse3-dev fuse3
   libgtest-dev libgmock-dev googletest libbenchmark-dev
   python3-pytest iproute2 procps time
+  dpkg-dev fakeroot file lintian debootstrap man-db
 )
 
 missing=()

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -44,6 +45,11 @@ struct HttpRequest {
   // When not empty: the body is these pieces one after the other (sent from
   // where they lie, never joined), and `body` is ignored.
   std::vector<std::string_view> bodyPieces;
+  // When set: called once, on the performing thread, as soon as libcurl has
+  // taken the last byte of `bodyPieces`. From then on the pieces' memory is
+  // no longer read, even while the answer is still awaited. Not called when
+  // the request fails before the whole body was taken. Must not throw.
+  std::function<void()> bodyTaken;
   IBodySink* sink = nullptr;  // when set, the answer's body goes here, not to HttpResponse::body
   long totalTimeout = 300;   // seconds, 0 = no limit
   long connectTimeout = 300;

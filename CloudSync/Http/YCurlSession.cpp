@@ -45,8 +45,10 @@ size_t OnBodyToSink(char* data, size_t size, size_t count, void* user) {
 // A request body made of pieces, read out in order.
 struct PieceReader {
   const std::vector<std::string_view>& pieces;
+  const std::function<void()>& taken;  // called once the last piece is taken
   size_t index = 0;
   size_t offset = 0;
+  bool told = false;
 };
 
 size_t ReadPieces(char* into, size_t size, size_t count, void* user) {
@@ -63,6 +65,10 @@ size_t ReadPieces(char* into, size_t size, size_t count, void* user) {
       ++reader->index;
       reader->offset = 0;
     }
+  }
+  if (reader->index == reader->pieces.size() && !reader->told) {
+    reader->told = true;
+    if (reader->taken) reader->taken();
   }
   return done;
 }
@@ -170,7 +176,7 @@ HttpResponse YCurlSession::Perform(const HttpRequest& request) {
     curl_easy_setopt(h, CURLOPT_SSL_CTX_DATA, nullptr);
   }
 
-  PieceReader pieces{request.bodyPieces};
+  PieceReader pieces{request.bodyPieces, request.bodyTaken};
   size_t body_size = body.size();
   if (post && !request.bodyPieces.empty()) {
     body_size = 0;

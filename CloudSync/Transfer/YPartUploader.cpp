@@ -1,10 +1,13 @@
 // Upload: the calling thread reads a batch of five parts in one go into a
 // buffer, fingerprints the five together and hands the batch to the next of
 // the background senders (one per connection), which asks the cloud what it
-// lacks and sends exactly those parts straight from that buffer. Meanwhile the
-// caller reads and fingerprints the next batch into the buffer the sender
-// gave back. So the bytes sent are the bytes fingerprinted, every buffer is
-// reused for the whole file, and only the batches in flight hold bytes. Every
+// lacks and sends exactly those parts straight from that buffer. The sender
+// gives the buffer back as soon as the connection has taken the bytes, and
+// then waits for the cloud to store them, so connections waiting on the
+// cloud's disk hold no memory. Meanwhile the caller reads and fingerprints
+// the next batch into a free buffer. So the bytes sent are the bytes
+// fingerprinted, every buffer is reused for the whole file, and only the
+// batches being read or sent hold bytes. Every
 // read checks that the file did not change since it was opened (else 184),
 // and the cloud checks every part's bytes against its fingerprint. Batches
 // are reported in the order they were handed out, on the calling thread.
@@ -34,6 +37,11 @@ namespace CloudSync {
 namespace {
 
 constexpr const char *kFile = "CloudSync/Transfer/YPartUploader";
+
+// Batch buffers of one upload, whatever the number of connections: one being
+// read and fingerprinted, the others being taken by connections. A connection
+// waiting for the cloud's answer holds none.
+constexpr size_t kUploadBuffers = 3;
 
 using Qel::YString;
 
@@ -136,16 +144,55 @@ Batch ReadBatch(const PartSource &source, std::unique_ptr<BatchBuffer> buffer, u
   return batch;
 }
 
+// The batch buffers of one upload: at most `limit`, made when first needed
+// and handed back by the senders as soon as the connection has taken their
+// bytes, so that the reader is never held up by the cloud's answer.
+class BufferPool {
+ public:
+  explicit BufferPool(size_t limit) : limit_(limit) {}
+
+  // A free buffer; waits while all `limit` are in use.
+  std::unique_ptr<BatchBuffer> Take() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    free_changed_.wait(lock, [this] { return !free_.empty() || made_ < limit_; });
+    if (free_.empty()) {
+      ++made_;
+      return std::make_unique<BatchBuffer>();
+    }
+    std::unique_ptr<BatchBuffer> buffer = std::move(free_.back());
+    free_.pop_back();
+    return buffer;
+  }
+
+  // Callable from any thread. Ignores an empty pointer.
+  void Give(std::unique_ptr<BatchBuffer> buffer) {
+    if (!buffer) return;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      free_.push_back(std::move(buffer));
+    }
+    free_changed_.notify_one();
+  }
+
+ private:
+  const size_t limit_;
+  std::mutex mutex_;
+  std::condition_variable free_changed_;
+  std::vector<std::unique_ptr<BatchBuffer>> free_;
+  size_t made_ = 0;
+};
+
 // Hands upload batches to one background thread, one batch at a time; the
-// thread sends it. Send first waits for the batch before (rethrowing its
-// failure), reports it through `onSent` on the calling thread and gives its
-// buffer back for the next read.
+// thread sends it and gives its buffer back to the pool once the connection
+// has taken the bytes, then waits for the cloud's answer. Send first waits
+// for the batch before (rethrowing its failure) and reports it through
+// `onSent` on the calling thread.
 class BatchSender {
  public:
   using SentCallback = std::function<void(uint64_t bytes, uint64_t doneAfter, size_t partsSent)>;
 
-  BatchSender(YCloudApi &api, SentCallback onSent)
-      : api_(api), on_sent_(std::move(onSent)), thread_([this] { Run(); }) {}
+  BatchSender(YCloudApi &api, BufferPool &pool, SentCallback onSent)
+      : api_(api), pool_(pool), on_sent_(std::move(onSent)), thread_([this] { Run(); }) {}
 
   // A batch still in flight ends first (its failure no longer matters: an
   // error is already on its way); nothing queued is sent any more.
@@ -160,30 +207,27 @@ class BatchSender {
   BatchSender(const BatchSender &) = delete;
   BatchSender &operator=(const BatchSender &) = delete;
 
-  // Returns a buffer for the caller's next read.
-  std::unique_ptr<BatchBuffer> Send(Batch batch) {
-    std::unique_ptr<BatchBuffer> free = Finish();
+  void Send(Batch batch) {
+    Finish();
     {
       std::lock_guard<std::mutex> lock(mutex_);
       job_ = std::move(batch);
       busy_ = true;
     }
     wake_.notify_all();
-    return free ? std::move(free) : std::make_unique<BatchBuffer>();
   }
 
-  // Waits for the batch in flight, if any, reports it and returns its buffer.
-  std::unique_ptr<BatchBuffer> Finish() {
+  // Waits for the batch in flight, if any, and reports it.
+  void Finish() {
     std::unique_lock<std::mutex> lock(mutex_);
     wake_.wait(lock, [this] { return !busy_; });
-    if (!sent_) return nullptr;
-    Batch sent = std::move(*sent_);
+    if (!sent_) return;
+    const Batch sent = std::move(*sent_);
     sent_.reset();
     std::exception_ptr error = std::exchange(error_, nullptr);
     lock.unlock();
     if (error) std::rethrow_exception(error);
     on_sent_(sent.bytesTotal, sent.doneAfter, sent.partsSent);
-    return std::move(sent.buffer);
   }
 
  private:
@@ -197,10 +241,12 @@ class BatchSender {
       lock.unlock();
       std::exception_ptr error;
       try {
-        job.partsSent = api_.SendParts(job.parts, job.bytes);
+        job.partsSent = api_.SendParts(job.parts, job.bytes, [&] { pool_.Give(std::move(job.buffer)); });
       } catch (...) {
         error = std::current_exception();
       }
+      pool_.Give(std::move(job.buffer));  // when the bytes were never taken
+      job.bytes.clear();                  // they pointed into the buffer
       lock.lock();
       error_ = error;
       sent_ = std::move(job);
@@ -210,6 +256,7 @@ class BatchSender {
   }
 
   YCloudApi &api_;
+  BufferPool &pool_;
   SentCallback on_sent_;
   std::mutex mutex_;
   std::condition_variable wake_;
@@ -232,23 +279,23 @@ PartList YPartUploader::Upload(const YString &localFile, const TransferProgressF
   auto onSent = [&](uint64_t bytes, uint64_t doneAfter, size_t partsSent) {
     if (progress) progress(TransferProgress{doneAfter, total, bytes, partsSent});
   };
-  std::vector<std::unique_ptr<BatchSender>> senders;
   const size_t wanted = std::max<size_t>(1, std::min<uint64_t>(connections_.size(),
                                                                total / (kUploadBatchParts * kTransferPartSize) + 1));
-  for (size_t i = 0; i < wanted; ++i) senders.push_back(std::make_unique<BatchSender>(*connections_[i], onSent));
+  BufferPool pool(std::min(wanted + 1, kUploadBuffers));  // before the senders, which give buffers back
+  std::vector<std::unique_ptr<BatchSender>> senders;
+  for (size_t i = 0; i < wanted; ++i) senders.push_back(std::make_unique<BatchSender>(*connections_[i], pool, onSent));
 
   PartList parts;
-  std::unique_ptr<BatchBuffer> buffer = std::make_unique<BatchBuffer>();
   uint64_t offset = 0;
   size_t next = 0;  // the sender that takes the next batch
   while (true) {
-    Batch batch = ReadBatch(source, std::move(buffer), offset);
+    Batch batch = ReadBatch(source, pool.Take(), offset);
     if (batch.parts.empty()) break;
     parts.insert(parts.end(), batch.parts.begin(), batch.parts.end());
     offset = batch.doneAfter;
     const bool last = batch.bytesTotal < kUploadBatchParts * kTransferPartSize;
     if (cancelled && cancelled()) QEL_RAISE(kTransferLogType, kTransferCancelled, localFile, kFile, "Upload");
-    buffer = senders[next]->Send(std::move(batch));
+    senders[next]->Send(std::move(batch));
     next = (next + 1) % senders.size();
     if (last) break;
   }

@@ -6,8 +6,10 @@
 // question per batch and no bytes. The cloud file itself is not created: the
 // caller hands the returned list to YCloudApi::CreateFile or CreateFileIf.
 //
-// Memory: one batch buffer per connection plus the one being read (5 MiB
-// each), reused for the whole file, whatever the file's size.
+// Memory: at most three batch buffers (5 MiB each), reused for the whole
+// file, whatever the file's size and the number of connections: one being
+// read, the others being sent. A connection waiting for the cloud's answer
+// holds none.
 //
 // Thread-safety: one Upload at a time per object; the connections are used
 // only from inside Upload, each by one thread.
@@ -28,7 +30,8 @@ class YCloudApi;
 class YPartUploader {
  public:
   // `connections`: one or more logged-in clients, not owned, outliving the
-  // object. With N clients up to N batches are in flight at once.
+  // object. With N clients up to N batches are in flight at once (stored by
+  // the cloud side by side).
   // REQUIRES: !connections.empty(), no null entry.
   explicit YPartUploader(std::vector<YCloudApi *> connections);
 

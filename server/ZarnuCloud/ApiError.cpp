@@ -14,6 +14,8 @@ int httpStatusFor(ErrorCode code) {
     case ErrorCode::TooLarge: return 413;
     case ErrorCode::NotLoggedIn: return 401;
     case ErrorCode::BadLogin: return 401;
+    case ErrorCode::QuotaExceeded: return 507;
+    case ErrorCode::StorageFull: return 507;
     case ErrorCode::TooManyLogins: return 429;
     case ErrorCode::Forbidden: return 403;
     case ErrorCode::TooSlow: return 408;

@@ -25,6 +25,8 @@ enum class ErrorCode : int {
     IsFolder = 181,
     BadLogin = 191,
     Conflict = 202,  ///< a conditional write found another version than the client saw
+    QuotaExceeded = 210,  ///< the upload would take the account past its storage quota
+    StorageFull = 211,    ///< the service's disk is full; nothing of the request was stored
     TooManyLogins = 220,  ///< login attempts of this user or address are throttled
     Forbidden = 221,      ///< the credential is valid but lacks the role or operator right
     TooSlow = 222,        ///< the client sent its request too slowly

@@ -143,7 +143,9 @@ std::vector<std::string> CloudService::missingParts(AccountId account, const std
         if (!Fingerprint::isWellFormed(fp))
             throw ApiError(ErrorCode::BadInput, "Malformed fingerprint \"" + fp.substr(0, 80) + "\"");
         if (!seen.insert(fp).second) continue;
-        if (!meta_.heldPartSize(account, fp)) missing.push_back(fp);
+        // A held part whose bytes were found damaged (and moved aside) is asked for
+        // again: the upload that follows repairs it.
+        if (!meta_.heldPartSize(account, fp) || !parts_.contains(fp)) missing.push_back(fp);
     }
     return missing;
 }
@@ -165,8 +167,15 @@ std::size_t CloudService::uploadParts(AccountId account, std::string_view body) 
             throw ApiError(ErrorCode::PartInvalid, "A part failed to be validated: " + parts[i].fingerprint);
         }
     }
+    checkQuota(account, parts);
     std::vector<PartStore::NewPart> toStore;
-    for (const auto& p : parts) toStore.push_back({p.fingerprint, p.bytes});
+    std::vector<std::string> fingerprints;
+    for (const auto& p : parts) {
+        toStore.push_back({p.fingerprint, p.bytes});
+        fingerprints.push_back(p.fingerprint);
+    }
+    // Pinned until the hold is recorded: the collector leaves the parts alone meanwhile.
+    const PartPins::Pin pin = pins_.pin(std::move(fingerprints));
     const std::vector<bool> stored = parts_.putMany(toStore);
     std::vector<PartRef> held;
     for (std::size_t i = 0; i < parts.size(); ++i) {
@@ -176,8 +185,23 @@ std::size_t CloudService::uploadParts(AccountId account, std::string_view body) 
         }
         held.push_back({parts[i].fingerprint, parts[i].bytes.size()});
     }
-    meta_.addHeldParts(account, held);
+    meta_.holdParts(account, held, unixNow());
     return parts.size();
+}
+
+void CloudService::checkQuota(AccountId account, const std::vector<UploadedPart>& parts) {
+    // A first look before any byte is written; holdParts() checks again atomically.
+    const std::optional<std::uint64_t> limit = meta_.quota(account);
+    if (!limit) return;
+    std::uint64_t adding = 0;
+    std::unordered_set<std::string_view> seen;
+    for (const auto& p : parts)
+        if (seen.insert(p.fingerprint).second && !meta_.heldPartSize(account, p.fingerprint)) adding += p.bytes.size();
+    const std::uint64_t used = meta_.heldBytes(account);
+    if (adding > 0 && used + adding > *limit)
+        throw ApiError(ErrorCode::QuotaExceeded, "The account's storage quota is exceeded: these parts need " +
+                                                     std::to_string(used + adding) + " bytes, the quota is " +
+                                                     std::to_string(*limit) + " bytes");
 }
 
 Entry CloudService::createFile(AccountId account, std::string_view path, const std::vector<PartRef>& parts,

@@ -8,6 +8,7 @@
 #include "Lister.h"
 #include "MetadataStore.h"
 #include "FileSlice.h"
+#include "PartPins.h"
 #include "PartStore.h"
 #include "Stats.h"
 
@@ -19,6 +20,7 @@
 namespace zarnu::cloud {
 
 class BodySource;
+struct UploadedPart;
 
 struct LoginResult {
     Account account;
@@ -81,7 +83,10 @@ public:
     ListPage list(AccountId account, const ListRequest& request);
     std::vector<std::string> missingParts(AccountId account, const std::vector<std::string>& fingerprints);
     /// Verifies every part of the batch, then stores and credits them; returns the number
-    /// of parts received. 169 (nothing stored) when a part does not match its fingerprint.
+    /// of parts received. 169 (nothing stored) when a part does not match its fingerprint,
+    /// 210 (nothing credited) when the parts would take the account past its quota, 211
+    /// when the disk is full. Every part is written and synced whether or not the store
+    /// held it before, so neither the answer nor its timing tells what others stored.
     std::size_t uploadParts(AccountId account, std::string_view body);
     Entry createFile(AccountId account, std::string_view path, const std::vector<PartRef>& parts,
                      std::optional<std::int64_t> modified, IfVersion ifVersion = {});
@@ -111,15 +116,20 @@ public:
 
     MetadataStore& meta() { return meta_; }
     Stats& stats() { return stats_; }
+    /// The parts uploads in flight are storing (for the PartCollector).
+    PartPins& pins() { return pins_; }
 
 private:
     std::vector<Entry> reachableFiles(const Link& link);
+    /// 210 when the parts new to the account would take it past its quota.
+    void checkQuota(AccountId account, const std::vector<UploadedPart>& parts);
 
     MetadataStore& meta_;
     PartStore& parts_;
     Stats& stats_;
     Lister lister_;
     ChangeNotifier notifier_;
+    PartPins pins_;
 };
 
 /// Current time, Unix seconds.

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 
+#include <algorithm>
 #include <charconv>
 
 namespace zarnu::cloud {
@@ -61,40 +62,61 @@ bool isLoopbackHost(std::string_view hostView) {
     return false;
 }
 
+const std::vector<CommandLine::CommandSpec>& CommandLine::commands() {
+    static const std::vector<CommandSpec> kCommands = {
+        {"serve [--data DIR] [--listen HOST:PORT] [--tls-cert FILE --tls-key FILE | --self-signed | --http]\n"
+         "                  [--max-connections N]",
+         "Runs the service in the foreground; prints \"listening on <url>\" once it accepts connections.\n"
+         "SIGINT and SIGTERM stop it. The operator token (service-wide statistics) is in the file\n"
+         "operator.token of the data folder, made on the first start."},
+        {"user add NAME [--build] [--data DIR]", "Adds an account; the password is one line on standard input."},
+        {"user set NAME (--build | --no-build) [--data DIR]",
+         "Gives the account the build role (it may read and post its build slots), or takes it away."},
+        {"user list [--data DIR]", "Lists the accounts, build accounts followed by \"build\"."},
+        {"user quota NAME BYTES|none [--data DIR]", "Sets (or with none lifts) the bytes of parts the user may hold."},
+        {"-h | --help", "Prints this help."},
+    };
+    return kCommands;
+}
+
+const std::vector<CommandLine::OptionSpec>& CommandLine::options() {
+    static const std::vector<OptionSpec> kOptions = {
+        {"--data", "DIR", "data folder (default $HOME/.zarnu-cloud)"},
+        {"--listen", "HOST:PORT",
+         "address to listen on (default 127.0.0.1:8443; port 0 picks a free port; IPv6 as [::1]:8443)"},
+        {"--self-signed", "",
+         "HTTPS with a certificate made on first start and kept in the data folder as cert.pem/key.pem (the default)"},
+        {"--tls-cert", "FILE", "HTTPS with this PEM certificate chain (needs --tls-key)"},
+        {"--tls-key", "FILE", "PEM private key for --tls-cert"},
+        {"--http", "", "plain HTTP; only on loopback addresses"},
+        {"--max-connections", "N",
+         "serve at most N connections at once (default 4096, or fewer when the descriptor limit is low)"},
+        {"--build", "", "user add/set: give the account the build role"},
+        {"--no-build", "", "user set: take the build role away"},
+    };
+    return kOptions;
+}
+
 std::string CommandLine::usage() {
-    return R"(zarnu-cloud: the Zarnu cloud service
-
-Usage:
-  zarnu-cloud serve [--data DIR] [--listen HOST:PORT]
-                    [--tls-cert FILE --tls-key FILE | --self-signed | --http]
-                    [--max-connections N]
-  zarnu-cloud user add NAME [--build] [--data DIR]
-                                   (password: one line on standard input)
-  zarnu-cloud user set NAME (--build | --no-build) [--data DIR]
-  zarnu-cloud user list [--data DIR]
-  zarnu-cloud -h | --help
-
-Options:
-  --data DIR           data folder (default $HOME/.zarnu-cloud)
-  --listen HOST:PORT   address to listen on (default 127.0.0.1:8443; port 0 picks a
-                       free port; IPv6 as [::1]:8443)
-  --self-signed        HTTPS with a certificate made on first start and kept in the
-                       data folder as cert.pem/key.pem (the default)
-  --tls-cert FILE      HTTPS with this PEM certificate chain (needs --tls-key)
-  --tls-key FILE       PEM private key for --tls-cert
-  --http               plain HTTP; only on loopback addresses
-  --max-connections N  serve at most N connections at once (default: 4096, or less
-                       when the descriptor limit is low); more wait to be accepted
-  --build              user add/set: give the account the build role (it may read
-                       and post its build slots)
-  --no-build           user set: take the build role away
-
-The operator credential (service-wide statistics) is the token in the file
-operator.token of the data folder, made on the first start.
-
-Once serving, prints "listening on <url>". SIGINT/SIGTERM stop it.
-The API is described in docs/cloud-api.md.
-)";
+    constexpr std::size_t kColumn = 23;  // where option descriptions start
+    std::string text = "zarnu-cloud: the Zarnu cloud service\n\nUsage:\n";
+    for (const CommandSpec& c : commands()) {
+        text += std::string("  zarnu-cloud ") + c.synopsis + "\n";
+        std::string_view description = c.description;
+        while (!description.empty()) {
+            const std::size_t end = std::min(description.find('\n'), description.size());
+            text += "      " + std::string(description.substr(0, end)) + "\n";
+            description.remove_prefix(std::min(end + 1, description.size()));
+        }
+    }
+    text += "\nOptions:\n";
+    for (const OptionSpec& o : options()) {
+        std::string head = std::string("  ") + o.name + (*o.value ? std::string(" ") + o.value : std::string());
+        head.resize(std::max(head.size() + 1, kColumn), ' ');
+        text += head + o.description + "\n";
+    }
+    text += "\nThe API is described in docs/cloud-api.md.\n";
+    return text;
 }
 
 CommandLine CommandLine::parse(const std::vector<std::string>& args, const char* home) {
@@ -120,8 +142,22 @@ CommandLine CommandLine::parse(const std::vector<std::string>& args, const char*
         } else if (args[1] == "list") {
             cl.command = Command::UserList;
             i = 2;
+        } else if (args[1] == "quota") {
+            if (args.size() < 4 || args[2].rfind("-", 0) == 0)
+                throw UsageError("\"user quota\" needs a user NAME and BYTES (or none)");
+            cl.command = Command::UserQuota;
+            cl.userName = args[2];
+            const std::string& value = args[3];
+            if (value != "none") {
+                std::uint64_t bytes = 0;
+                auto [end, ec] = std::from_chars(value.data(), value.data() + value.size(), bytes);
+                if (value.empty() || ec != std::errc() || end != value.data() + value.size())
+                    throw UsageError("invalid quota \"" + value + "\": give a number of bytes or none");
+                cl.quotaBytes = bytes;
+            }
+            i = 4;
         } else {
-            throw UsageError("unknown user subcommand \"" + args[1] + "\" (use add, set or list)");
+            throw UsageError("unknown user subcommand \"" + args[1] + "\" (use add, set, list or quota)");
         }
     } else {
         throw UsageError("unknown command \"" + args[0] + "\" (try --help)");

@@ -5,9 +5,11 @@
 //   zarnu-cloud user add NAME [--build] [--data DIR]
 //   zarnu-cloud user set NAME (--build | --no-build) [--data DIR]
 //   zarnu-cloud user list [--data DIR]
+//   zarnu-cloud user quota NAME BYTES|none [--data DIR]
 //   zarnu-cloud -h | --help
 // Parsing is pure; errors throw UsageError with a message naming the bad input.
 
+#include <cstdint>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -22,7 +24,7 @@ public:
 };
 
 struct CommandLine {
-    enum class Command { Help, Serve, UserAdd, UserSet, UserList };
+    enum class Command { Help, Serve, UserAdd, UserSet, UserList, UserQuota };
     enum class Transport { SelfSigned, CertificateFiles, PlainHttp };
 
     Command command = Command::Help;
@@ -38,10 +40,28 @@ struct CommandLine {
     /// user add / user set: the build role (may post and read build slots). For `user
     /// set`, unset means the switch was not given.
     std::optional<bool> buildRole;
+    std::optional<std::uint64_t> quotaBytes;  ///< user quota: nothing for "none"
 
     /// home: value of $HOME (may be null) for the default data folder.
     static CommandLine parse(const std::vector<std::string>& args, const char* home);
+    /// The help text, made from the two tables below.
     static std::string usage();
+
+    /// One form of the command line and what it does.
+    struct CommandSpec {
+        const char* synopsis;     ///< after the program name: "user add NAME [--data DIR]"
+        const char* description;
+    };
+    /// One option: "--listen" with the value placeholder "HOST:PORT" (empty for a switch).
+    struct OptionSpec {
+        const char* name;
+        const char* value;
+        const char* description;
+    };
+    /// The declarations that usage() prints and the manual page is made from
+    /// (static storage; parse() accepts exactly these commands and options).
+    static const std::vector<CommandSpec>& commands();
+    static const std::vector<OptionSpec>& options();
 };
 
 /// Whether an IP literal (or "localhost") is a loopback address.

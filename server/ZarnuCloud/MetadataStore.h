@@ -183,6 +183,24 @@ public:
     /// throws, nothing changes and the exception propagates.
     virtual void updateSetting(std::string_view name,
                                const std::function<std::string(const std::optional<std::string>&)>& update) = 0;
+
+    // --- storage accounting: quotas and collecting unused parts ---
+    /// The account's quota in bytes of parts it holds; nothing when it has none.
+    virtual std::optional<std::uint64_t> quota(AccountId account) = 0;
+    /// Sets (or, with nothing, lifts) the account's quota.
+    virtual void setQuota(AccountId account, std::optional<std::uint64_t> bytes) = 0;
+    /// Bytes of all the parts the account holds, each counted once.
+    virtual std::uint64_t heldBytes(AccountId account) = 0;
+    /// addHeldParts() that also stamps the parts with `now` and, in the same transaction,
+    /// refuses with ApiError QuotaExceeded (recording nothing) when the parts new to the
+    /// account would take it past its quota.
+    virtual void holdParts(AccountId account, const std::vector<PartRef>& parts, std::int64_t now) = 0;
+    /// How many accounts hold the part: its reference count.
+    virtual std::uint64_t partHolders(std::string_view fingerprint) = 0;
+    /// Forgets, for every account, the parts it holds since before `heldBefore` that no
+    /// file of the account (live, deleted or an earlier version) uses: uploads that
+    /// never became a file. Returns how many it forgot.
+    virtual std::uint64_t releaseUnusedParts(std::int64_t heldBefore) = 0;
 };
 
 }  // namespace zarnu::cloud

@@ -6,6 +6,8 @@
 
 #include "FileSlice.h"
 
+#include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -22,9 +24,16 @@ public:
 
     virtual ~PartStore() = default;
 
+    /// A part file as the store holds it.
+    struct StoredPart {
+        std::string fingerprint;
+        std::int64_t written = 0;  ///< when its bytes were last written, Unix seconds
+    };
+
     /// Stores the bytes under fingerprint. When it returns, the part is durable (a crash
     /// afterwards cannot lose or tear it). Returns true when the part was newly written,
-    /// false when it was already present. Throws std::runtime_error on I/O failure.
+    /// false when it was already present. Throws ApiError StorageFull when the disk is
+    /// full, std::runtime_error on other I/O failures; nothing is half-stored either way.
     virtual bool put(std::string_view fingerprint, std::string_view bytes) = 0;
 
     /// put() for several parts at once: when it returns, every one of them is durable.
@@ -45,6 +54,15 @@ public:
     /// can arrange it), or nothing when the store lacks it or its bytes are damaged.
     /// Throws std::runtime_error on I/O failure.
     virtual std::optional<FileSlice> open(std::string_view fingerprint) = 0;
+
+    /// Calls visit for every part the store holds (in no particular order). Parts stored
+    /// or removed meanwhile may or may not be visited.
+    virtual void forEach(const std::function<void(const StoredPart&)>& visit) = 0;
+    /// Removes the part unless its bytes were written at or after `writtenBefore` (Unix
+    /// seconds); returns whether it removed it. The caller makes sure no one holds it.
+    virtual bool remove(std::string_view fingerprint, std::int64_t writtenBefore) = 0;
+    /// How many damaged parts reads have moved aside since the store was opened.
+    virtual std::uint64_t quarantined() const = 0;
 };
 
 }  // namespace zarnu::cloud

@@ -2,6 +2,7 @@
 
 #include "ApiError.h"
 #include "CloudPath.h"
+#include "SqliteEnvVfs.h"
 
 #include <sqlite3.h>
 
@@ -72,7 +73,23 @@ CREATE TABLE IF NOT EXISTS gone(
   seq INTEGER NOT NULL,
   PRIMARY KEY(account, key)) WITHOUT ROWID;
 CREATE INDEX IF NOT EXISTS gone_by_seq ON gone(account, seq, key);
+CREATE INDEX IF NOT EXISTS held_parts_by_fingerprint ON held_parts(fingerprint);
+CREATE TABLE IF NOT EXISTS quotas(
+  account INTEGER PRIMARY KEY,
+  bytes INTEGER NOT NULL);
 )sql";
+
+// Run after kSchema: databases made before parts were collected gain the time an
+// account last uploaded each part it holds (0: before that, long ago).
+const char* kHeldSinceColumn = "ALTER TABLE held_parts ADD COLUMN since INTEGER NOT NULL DEFAULT 0";
+
+// The error for a failed SQLite call: a full disk has its own code.
+[[noreturn]] void databaseError(sqlite3* db, const std::string& message) {
+    const int code = sqlite3_errcode(db);
+    if (code == SQLITE_FULL || sqlite3_extended_errcode(db) == SQLITE_FULL)
+        throw ApiError(ErrorCode::StorageFull, "The service's storage is full: nothing of this request was stored");
+    throw std::runtime_error("database error: " + message);
+}
 
 // Run after kSchema: databases made before the change feed gain its column.
 const char* kChangeSeqColumn = "ALTER TABLE entries ADD COLUMN change_seq INTEGER NOT NULL DEFAULT 0";
@@ -101,9 +118,10 @@ const char* kEntryColumns =
 // One SQLite connection with its prepared statements. Used by one thread at a time.
 class SqliteMetadataStore::Connection {
 public:
-    explicit Connection(const std::filesystem::path& file) {
+    /// vfs: SQLite's file layer by name, null for its default.
+    Connection(const std::filesystem::path& file, const char* vfs) {
         if (sqlite3_open_v2(file.c_str(), &db_, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX,
-                            nullptr) != SQLITE_OK) {
+                            vfs) != SQLITE_OK) {
             std::string msg = db_ ? sqlite3_errmsg(db_) : "out of memory";
             sqlite3_close(db_);
             throw std::runtime_error("cannot open database " + file.string() + ": " + msg);
@@ -124,7 +142,7 @@ public:
         if (sqlite3_exec(db_, sql, nullptr, nullptr, &err) != SQLITE_OK) {
             std::string msg = err ? err : "unknown error";
             sqlite3_free(err);
-            throw std::runtime_error(std::string("database error: ") + msg);
+            databaseError(db_, msg);
         }
     }
 
@@ -182,7 +200,7 @@ public:
         if (rc == SQLITE_ROW) return true;
         if (rc == SQLITE_DONE) return false;
         if (rc == SQLITE_CONSTRAINT) throw std::logic_error(sqlite3_errmsg(c_.db()));
-        throw std::runtime_error(std::string("database error: ") + sqlite3_errmsg(c_.db()));
+        databaseError(c_.db(), sqlite3_errmsg(c_.db()));
     }
     void run() {
         while (step()) {
@@ -403,8 +421,9 @@ auto writeTransaction(std::mutex& writeMutex, Connection& c, Body&& body) {
 
 }  // namespace
 
-SqliteMetadataStore::SqliteMetadataStore(std::filesystem::path file, std::size_t maxConnections)
-    : file_(std::move(file)), maxConnections_(maxConnections ? maxConnections : 1) {
+SqliteMetadataStore::SqliteMetadataStore(std::filesystem::path file, std::size_t maxConnections, Env& env)
+    : file_(std::move(file)), maxConnections_(maxConnections ? maxConnections : 1), env_(env),
+      vfs_(env.isPosix() ? std::string() : sqliteVfsFor(env)) {
     auto lease = acquire();
     std::lock_guard lock(writeMutex_);
     (*lease).exec("BEGIN IMMEDIATE");
@@ -417,6 +436,12 @@ SqliteMetadataStore::SqliteMetadataStore(std::filesystem::path file, std::size_t
         }
         if (!hasChangeSeq) (*lease).exec(kChangeSeqColumn);
         (*lease).exec(kChangeSeqIndex);
+        bool hasHeldSince = false;
+        {
+            Statement s(*lease, "SELECT 1 FROM pragma_table_info('held_parts') WHERE name = 'since'");
+            hasHeldSince = s.step();
+        }
+        if (!hasHeldSince) (*lease).exec(kHeldSinceColumn);
         bool hasTokenUse = false;
         {
             Statement s(*lease, "SELECT 1 FROM pragma_table_info('tokens') WHERE name = 'last_used'");
@@ -426,7 +451,12 @@ SqliteMetadataStore::SqliteMetadataStore(std::filesystem::path file, std::size_t
         (*lease).exec(kAccessSchema);
         (*lease).exec("COMMIT");
     } catch (...) {
-        (*lease).exec("ROLLBACK");
+        // A failed COMMIT (a full disk) may have rolled back already: the first error is
+        // the one to report.
+        try {
+            (*lease).exec("ROLLBACK");
+        } catch (...) {
+        }
         throw;
     }
 }
@@ -444,7 +474,7 @@ SqliteMetadataStore::Lease SqliteMetadataStore::acquire() {
     ++openConnections_;
     lock.unlock();
     try {
-        return Lease(*this, std::make_unique<Connection>(file_));
+        return Lease(*this, std::make_unique<Connection>(file_, vfs_.empty() ? nullptr : vfs_.c_str()));
     } catch (...) {
         std::lock_guard again(poolMutex_);
         --openConnections_;
@@ -886,6 +916,93 @@ void SqliteMetadataStore::updateSetting(std::string_view name,
         std::string next = update(current);
         Statement s(*c, "INSERT OR REPLACE INTO settings(name, value) VALUES(?, ?)");
         s.bindText(name).bindText(next).run();
+    });
+}
+
+}  // namespace zarnu::cloud
+
+namespace zarnu::cloud {
+
+// ---- storage accounting ----
+
+std::optional<std::uint64_t> SqliteMetadataStore::quota(AccountId account) {
+    auto c = acquire();
+    Statement s(*c, "SELECT bytes FROM quotas WHERE account = ?");
+    s.bind(account);
+    if (!s.step()) return std::nullopt;
+    return static_cast<std::uint64_t>(s.integer(0));
+}
+
+void SqliteMetadataStore::setQuota(AccountId account, std::optional<std::uint64_t> bytes) {
+    auto c = acquire();
+    writeTransaction(writeMutex_, *c, [&] {
+        if (bytes) {
+            Statement s(*c, "INSERT OR REPLACE INTO quotas(account, bytes) VALUES(?, ?)");
+            s.bind(account).bind(static_cast<std::int64_t>(*bytes)).run();
+        } else {
+            Statement s(*c, "DELETE FROM quotas WHERE account = ?");
+            s.bind(account).run();
+        }
+    });
+}
+
+namespace {
+
+std::uint64_t heldBytesIn(Connection& c, AccountId account) {
+    Statement s(c, "SELECT COALESCE(SUM(size), 0) FROM held_parts WHERE account = ?");
+    s.bind(account);
+    return s.step() ? static_cast<std::uint64_t>(s.integer(0)) : 0;
+}
+
+}  // namespace
+
+std::uint64_t SqliteMetadataStore::heldBytes(AccountId account) {
+    auto c = acquire();
+    return heldBytesIn(*c, account);
+}
+
+void SqliteMetadataStore::holdParts(AccountId account, const std::vector<PartRef>& parts, std::int64_t now) {
+    if (parts.empty()) return;
+    auto c = acquire();
+    writeTransaction(writeMutex_, *c, [&] {
+        std::optional<std::uint64_t> limit;
+        {
+            Statement s(*c, "SELECT bytes FROM quotas WHERE account = ?");
+            s.bind(account);
+            if (s.step()) limit = static_cast<std::uint64_t>(s.integer(0));
+        }
+        const std::uint64_t before = limit ? heldBytesIn(*c, account) : 0;
+        for (const auto& p : parts) {
+            Statement s(*c, "INSERT OR REPLACE INTO held_parts(account, fingerprint, size, since) VALUES(?, ?, ?, ?)");
+            s.bind(account).bindText(p.fingerprint).bind(static_cast<std::int64_t>(p.size)).bind(now).run();
+        }
+        if (limit) {
+            const std::uint64_t used = heldBytesIn(*c, account);
+            // Parts the account already held never count against it again.
+            if (used > before && used > *limit)
+                throw ApiError(ErrorCode::QuotaExceeded, "The account's storage quota is exceeded: these parts need " +
+                                                             std::to_string(used) + " bytes, the quota is " +
+                                                             std::to_string(*limit) + " bytes");
+        }
+    });
+}
+
+std::uint64_t SqliteMetadataStore::partHolders(std::string_view fingerprint) {
+    auto c = acquire();
+    Statement s(*c, "SELECT COUNT(*) FROM held_parts WHERE fingerprint = ?");
+    s.bindText(fingerprint);
+    return s.step() ? static_cast<std::uint64_t>(s.integer(0)) : 0;
+}
+
+std::uint64_t SqliteMetadataStore::releaseUnusedParts(std::int64_t heldBefore) {
+    auto c = acquire();
+    return writeTransaction(writeMutex_, *c, [&] {
+        Statement s(*c,
+                    "DELETE FROM held_parts WHERE since < ? AND NOT EXISTS ("
+                    "SELECT 1 FROM file_parts p JOIN entries e ON e.id = p.file "
+                    "WHERE p.fingerprint = held_parts.fingerprint AND e.account = held_parts.account)");
+        s.bind(heldBefore).run();
+        return static_cast<std::uint64_t>(s.changes());
     });
 }
 

@@ -3,7 +3,11 @@
 // connections (readers run in parallel; writers take an in-process lock and BEGIN
 // IMMEDIATE so other processes using the same file, e.g. `zarnu-cloud user add`, are
 // serialised by SQLite itself). Thread-safe.
+//
+// Given an Env other than Env::posix(), SQLite's file changes go through it (see
+// SqliteEnvVfs.h); otherwise SQLite uses its own unix file layer.
 
+#include "Env.h"
 #include "MetadataStore.h"
 
 #include <condition_variable>
@@ -16,8 +20,9 @@ namespace zarnu::cloud {
 class SqliteMetadataStore final : public MetadataStore {
 public:
     /// Opens (creating when needed) the database file and its schema; throws
-    /// std::runtime_error naming the file when it cannot.
-    explicit SqliteMetadataStore(std::filesystem::path file, std::size_t maxConnections = 8);
+    /// std::runtime_error naming the file when it cannot. `env` must outlive the store.
+    explicit SqliteMetadataStore(std::filesystem::path file, std::size_t maxConnections = 8,
+                                 Env& env = Env::posix());
     ~SqliteMetadataStore() override;
 
     SqliteMetadataStore(const SqliteMetadataStore&) = delete;
@@ -67,6 +72,13 @@ public:
     void updateSetting(std::string_view name,
                        const std::function<std::string(const std::optional<std::string>&)>& update) override;
 
+    std::optional<std::uint64_t> quota(AccountId account) override;
+    void setQuota(AccountId account, std::optional<std::uint64_t> bytes) override;
+    std::uint64_t heldBytes(AccountId account) override;
+    void holdParts(AccountId account, const std::vector<PartRef>& parts, std::int64_t now) override;
+    std::uint64_t partHolders(std::string_view fingerprint) override;
+    std::uint64_t releaseUnusedParts(std::int64_t heldBefore) override;
+
     class Connection;
 
 private:
@@ -76,6 +88,8 @@ private:
 
     std::filesystem::path file_;
     std::size_t maxConnections_;
+    Env& env_;
+    std::string vfs_;  ///< SQLite file layer for env_; empty for SQLite's own
     std::size_t openConnections_ = 0;
     std::vector<std::unique_ptr<Connection>> idle_;
     std::mutex poolMutex_;

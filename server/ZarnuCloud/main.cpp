@@ -8,16 +8,20 @@
 #include "FolderPartStore.h"
 #include "HttpServer.h"
 #include "OperatorCredential.h"
+#include "PartCollector.h"
 #include "Secrets.h"
 #include "SelfSignedCert.h"
 #include "SqliteMetadataStore.h"
 
 #include <sys/stat.h>
 
+#include <chrono>
+#include <condition_variable>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <iostream>
+#include <mutex>
 #include <thread>
 
 using namespace zarnu::cloud;
@@ -33,6 +37,51 @@ void prepareDataDir(const std::filesystem::path& dir) {
     ::chmod(dir.c_str(), 0700);
 }
 
+// Collects unused parts once now and then every PartCollector::kIntervalSeconds until
+// destroyed.
+class CollectorThread {
+public:
+    explicit CollectorThread(PartCollector& collector) : collector_(collector) {
+        runOnce();
+        thread_ = std::thread([this] {
+            std::unique_lock lock(mutex_);
+            while (!stopping_) {
+                if (wake_.wait_for(lock, std::chrono::seconds(PartCollector::kIntervalSeconds), [this] { return stopping_; }))
+                    break;
+                lock.unlock();
+                runOnce();
+                lock.lock();
+            }
+        });
+    }
+    ~CollectorThread() {
+        {
+            std::lock_guard lock(mutex_);
+            stopping_ = true;
+        }
+        wake_.notify_all();
+        thread_.join();
+    }
+
+private:
+    void runOnce() {
+        try {
+            const PartCollector::Result r = collector_.collect(unixNow());
+            if (r.partsRemoved || r.holdsReleased)
+                std::cerr << "zarnu-cloud: collected " << r.partsRemoved << " unused parts (" << r.holdsReleased
+                          << " lapsed holds)" << std::endl;
+        } catch (const std::exception& e) {
+            std::cerr << "zarnu-cloud: collecting unused parts failed: " << e.what() << std::endl;
+        }
+    }
+
+    PartCollector& collector_;
+    std::mutex mutex_;
+    std::condition_variable wake_;
+    bool stopping_ = false;
+    std::thread thread_;
+};
+
 int serve(const CommandLine& cl) {
     const std::filesystem::path data = cl.dataDir;
     prepareDataDir(data);
@@ -40,6 +89,8 @@ int serve(const CommandLine& cl) {
     FolderPartStore parts(data / "parts");
     Stats stats;
     CloudService service(meta, parts, stats);
+    PartCollector collector(meta, parts, service.pins());
+    CollectorThread collecting(collector);
     Secrets::burnPasswordCheck("");  // makes the stand-in hash now, not during the first failed login
 
     HttpServer::Options options;
@@ -103,6 +154,18 @@ int userSet(const CommandLine& cl) {
     return 0;
 }
 
+int userQuota(const CommandLine& cl) {
+    SqliteMetadataStore meta(std::filesystem::path(cl.dataDir) / "meta.sqlite", 1);
+    const auto account = meta.accountByName(cl.userName);
+    if (!account) throw std::runtime_error("no user named " + cl.userName);
+    meta.setQuota(account->id, cl.quotaBytes);
+    if (cl.quotaBytes)
+        std::cout << "user " << cl.userName << " quota " << *cl.quotaBytes << " bytes" << std::endl;
+    else
+        std::cout << "user " << cl.userName << " has no quota" << std::endl;
+    return 0;
+}
+
 int userList(const CommandLine& cl) {
     SqliteMetadataStore meta(std::filesystem::path(cl.dataDir) / "meta.sqlite", 1);
     for (const auto& a : meta.accounts())
@@ -129,6 +192,7 @@ int main(int argc, char** argv) {
         case CommandLine::Command::UserAdd: return userAdd(cl);
         case CommandLine::Command::UserSet: return userSet(cl);
         case CommandLine::Command::UserList: return userList(cl);
+        case CommandLine::Command::UserQuota: return userQuota(cl);
         }
     } catch (const std::exception& e) {
         std::cerr << "zarnu-cloud: " << e.what() << std::endl;

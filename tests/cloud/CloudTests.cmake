@@ -9,6 +9,9 @@ add_executable(zarnu-cloud-tests
   ${CMAKE_SOURCE_DIR}/tests/cloud/unit/CommandLineTest.cpp
   ${CMAKE_SOURCE_DIR}/tests/cloud/unit/PartStoreTest.cpp
   ${CMAKE_SOURCE_DIR}/tests/cloud/unit/AccessTest.cpp
+  ${CMAKE_SOURCE_DIR}/tests/cloud/unit/FaultInjectionEnv.cpp
+  ${CMAKE_SOURCE_DIR}/tests/cloud/unit/FaultInjectionTest.cpp
+  ${CMAKE_SOURCE_DIR}/tests/cloud/unit/PartCollectorTest.cpp
 )
 target_link_libraries(zarnu-cloud-tests PRIVATE zarnu_cloud_core GTest::gtest GTest::gtest_main)
 add_test(NAME cloud_unit COMMAND zarnu-cloud-tests)

@@ -134,7 +134,8 @@ class TransferService : public ::testing::Test {
   void SetUp() override {
     CloudSync::RegisterErrorCodes();
     service_ = std::make_unique<zarnu_test::CloudService>();
-    if (service_->Url().empty()) GTEST_SKIP() << "zarnu-cloud is not built beside the tests";
+    // A service that cannot start is a failure, never a skip that would count as a pass.
+    if (service_->Url().empty()) GTEST_FAIL() << "zarnu-cloud did not start: it must be built beside the tests";
     for (int i = 0; i < 3; ++i) {
       apis_.push_back(std::make_unique<YCloudApi>("transfer_test", service_->Url()));
       apis_.back()->Login("parts", "part pass");

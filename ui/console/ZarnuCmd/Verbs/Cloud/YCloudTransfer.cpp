@@ -34,11 +34,12 @@ constexpr unsigned int kLogType = 198;
 
 constexpr uint32_t kListAllParts = 0x40000000;
 // Requests on their way at once. A download keeps three (one being answered
-// while another is sent and a third is checked); an upload two, each holding
-// a batch of 5 MiB, which keep the cloud checking one batch while it stores
-// the other and hold the memory of the whole transfer under 32 MiB.
+// while another is sent and a third is checked). An upload keeps four: the
+// cloud stores their batches side by side, so its disk waits overlap, while
+// the memory stays at three batch buffers (the uploader's own bound), under
+// 32 MiB for the whole transfer.
 constexpr size_t kDownloadConnections = 3;
-constexpr size_t kUploadConnections = 2;
+constexpr size_t kUploadConnections = 4;
 
 using CloudSync::PartList;
 using Qel::YString;

@@ -13,10 +13,10 @@ import urllib.request
 MIB = 1 << 20
 
 
-def start_cloud(exe, data):
-    """Starts `zarnu-cloud serve` over plain HTTP on 127.0.0.1 and a free port; returns
-    (process, address) once it prints its "listening on" line."""
-    proc = subprocess.Popen([exe, "serve", "--data", str(data), "--listen", "127.0.0.1:0", "--http"],
+def start_cloud(exe, data, *options):
+    """Starts `zarnu-cloud serve` over plain HTTP on 127.0.0.1 and a free port (with
+    further `options`); returns (process, address) once it prints its "listening on" line."""
+    proc = subprocess.Popen([exe, "serve", "--data", str(data), "--listen", "127.0.0.1:0", "--http", *options],
                             stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
     line = proc.stdout.readline()
     if not line.startswith("listening on "):

@@ -197,6 +197,9 @@ def main():
     ap.add_argument("--flood", type=int, default=1000)
     ap.add_argument("--think", type=float, default=0.1, help="each client's pause between requests (s)")
     ap.add_argument("--loris-interval", type=float, default=2.0)
+    ap.add_argument("--max-connections", type=int, default=0,
+                    help="the service's connection cap (default: its own); below the attack's size it "
+                         "shows the cap making room")
     ap.add_argument("--work", default=None, help="work folder (default: a new temporary folder)")
     args = ap.parse_args()
 
@@ -208,7 +211,8 @@ def main():
     shutil.rmtree(data, ignore_errors=True)
     exe = str(pathlib.Path(args.bin) / "zarnu-cloud")
     add_user(exe, data, "warmup", PASSWORD)  # makes the data folder before the service opens it
-    cloud, address = start_cloud(exe, data)
+    cap = ["--max-connections", str(args.max_connections)] if args.max_connections else []
+    cloud, address = start_cloud(exe, data, *cap)
     results = Results()
     try:
         tokens = prepare_accounts(exe, data, address)
@@ -222,7 +226,8 @@ def main():
 
     lat = results.latencies
     print(f"zarnu-cloud load: {args.clients} clients (think {args.think} s) for {args.seconds:g} s, "
-          f"beside {args.loris} slow-loris and {args.flood} flood connections")
+          f"beside {args.loris} slow-loris and {args.flood} flood connections"
+          + (f", connection cap {args.max_connections}" if args.max_connections else ""))
     print(f"  requests answered   {len(lat)} ({len(lat) / args.seconds:.0f}/s)")
     if lat:
         print(f"  latency p50         {percentile(lat, 50) * 1000:.2f} ms")

@@ -22,6 +22,8 @@
 #include <chrono>
 #include <csignal>
 #include <limits>
+#include <map>
+#include <memory>
 #include <cstdio>
 #include <mutex>
 #include <optional>
@@ -52,6 +54,8 @@ constexpr std::size_t kReadChunk = 1024 * 1024;
 /// Bodies up to this size are read before the credential is checked (with the request).
 constexpr std::uint64_t kReadBeforeCheck = 64 * 1024;
 constexpr std::size_t kDefaultMaxConnections = 4096;
+/// At the cap, how many connections past it may be open while idle ones are closed.
+constexpr std::size_t kEvictionSlack = 64;
 /// Descriptors kept for everything but connections: part files being sent (up to 100
 /// per answer), the database, logs.
 constexpr rlim_t kReservedDescriptors = 256;
@@ -93,6 +97,19 @@ HttpResponse plainError(int status, int code, const char* message) {
 
 }  // namespace
 
+namespace {
+
+/// A connection as the cap sees it while it waits for a request: it may be closed to
+/// make room for a new one.
+class IdleConnection {
+public:
+    virtual ~IdleConnection() = default;
+    /// Closes the connection if it is still idle under `idleId` (runs on its strand).
+    virtual void evict(std::uint64_t idleId) = 0;
+};
+
+}  // namespace
+
 struct HttpServer::Impl {
     // The connection cap: `connections` open; accepting pauses at the cap. Declared
     // first: connections that die with the I/O context still release their place.
@@ -101,6 +118,19 @@ struct HttpServer::Impl {
     std::size_t maxConnections = kDefaultMaxConnections;
     bool acceptPaused = false;
     std::atomic<bool> stopping{false};
+    // Connections waiting for a request, oldest first: those that never sent one, and
+    // kept-alive ones. At the cap the oldest is closed to make room, never a connection
+    // in the middle of a request.
+    std::map<std::uint64_t, std::weak_ptr<IdleConnection>> freshIdle;
+    std::map<std::uint64_t, std::weak_ptr<IdleConnection>> keptIdle;
+    std::uint64_t nextIdleId = 1;
+    // A connection accepted past the cap while every other was in a request: it waits,
+    // unread, for the first place to free up (accepting pauses meanwhile).
+    struct Parked {
+        tcp::socket socket;
+        std::string peerAddress;
+    };
+    std::optional<Parked> parked;
 
     Options options;
     Handler handler;
@@ -133,8 +163,16 @@ struct HttpServer::Impl {
 
     void accept();
     void onAccepted(beast::error_code ec, tcp::socket socket);
+    void startSession(tcp::socket socket, std::string peerAddress);
     /// A connection closed: frees its place and resumes accepting when it had paused.
     void releaseConnection();
+    /// A connection waits for a request (fresh: its first); returns its idle id, or 0
+    /// when it was closed at once to make room for a parked connection.
+    std::uint64_t markIdle(std::weak_ptr<IdleConnection> connection, bool fresh);
+    /// The connection with this idle id has a request (or is gone); 0 is ignored.
+    void markBusy(std::uint64_t idleId);
+    /// Removes and returns the oldest idle connection (fresh ones first); capMutex held.
+    std::pair<std::shared_ptr<IdleConnection>, std::uint64_t> takeOldestIdle();
 };
 
 namespace {
@@ -155,10 +193,20 @@ private:
 // the connection's strand except the request handler, the credential check and file
 // reads, which run on the worker pools.
 template <class Derived>
-class Session {
+class Session : public IdleConnection {
 public:
     Session(HttpServer::Impl& server, std::string peerAddress)
         : server_(server), slot_(server), peerAddress_(std::move(peerAddress)) {}
+    ~Session() override { server_.markBusy(idleId_); }
+
+    void evict(std::uint64_t idleId) override {
+        net::post(self().stream().get_executor(), [s = self().shared_from_this(), idleId] {
+            if (s->idleId_ != idleId) return;  // it has a request by now
+            s->idleId_ = 0;
+            beast::error_code ec;
+            s->lowest().socket().close(ec);  // the pending read ends, and the connection with it
+        });
+    }
 
 protected:
     Derived& self() { return static_cast<Derived&>(*this); }
@@ -176,6 +224,12 @@ protected:
         parser_->body_limit(std::numeric_limits<std::uint64_t>::max());  // narrowed once the target is known
         // A new connection must say what it wants at once; a kept-alive one may idle.
         lowest().expires_after(requests_ == 0 ? kFirstHeaderTimeout : kIdleTimeout);
+        idleId_ = server_.markIdle(self().weak_from_this(), requests_ == 0);
+        if (!idleId_) {
+            // Closed to make room for a connection waiting past the cap.
+            beast::error_code ec;
+            lowest().socket().close(ec);
+        }
         http::async_read_header(self().stream(), buffer_, *parser_,
                                 [s = self().shared_from_this()](beast::error_code ec, std::size_t) {
                                     s->onHeader(ec);
@@ -184,6 +238,8 @@ protected:
 
 private:
     void onHeader(beast::error_code ec) {
+        server_.markBusy(idleId_);
+        idleId_ = 0;
         if (ec == http::error::end_of_stream) return self().close();
         if (ec) return failRead(ec);
         ++requests_;
@@ -489,6 +545,7 @@ private:
     std::chrono::steady_clock::time_point bodyStart_;
     std::uint64_t bodyBytes_ = 0;
     std::uint64_t requests_ = 0;
+    std::uint64_t idleId_ = 0;  // while waiting for a request: its entry among the idle ones
     std::string method_;
     std::string path_;
     Lane lane_ = Lane::Normal;
@@ -644,30 +701,89 @@ void HttpServer::Impl::onAccepted(beast::error_code ec, tcp::socket socket) {
     auto peer = socket.remote_endpoint(peerEc);
     std::string peerAddress = peerEc ? std::string("-") : peerAddressOf(peer.address());
     socket.set_option(tcp::no_delay(true), peerEc);
-    bool atCap = false;
+    bool pause = false;
+    std::pair<std::shared_ptr<IdleConnection>, std::uint64_t> victim;
     {
         std::lock_guard lock(capMutex);
         ++connections;
-        atCap = connections >= maxConnections;
-        if (atCap) acceptPaused = true;
+        if (connections > maxConnections) {
+            // Past the cap the connection that has waited longest for a request makes
+            // room (one that never sent a request first). With none, every connection
+            // is in a request: this one waits for a place, and later ones in the
+            // kernel's backlog.
+            victim = takeOldestIdle();
+            if (!victim.first) {
+                parked.emplace(Parked{std::move(socket), std::move(peerAddress)});
+                acceptPaused = true;
+                return;
+            }
+        }
+        // Closings under way count until they are done; too many pause accepting.
+        pause = connections >= maxConnections + kEvictionSlack;
+        if (pause) acceptPaused = true;
     }
+    startSession(std::move(socket), std::move(peerAddress));
+    if (victim.first) victim.first->evict(victim.second);
+    if (!pause) accept();
+}
+
+void HttpServer::Impl::startSession(tcp::socket socket, std::string peerAddress) {
     if (sslContext)
         std::make_shared<TlsSession>(*this, std::move(socket), *sslContext, std::move(peerAddress))->start();
     else
         std::make_shared<PlainSession>(*this, std::move(socket), std::move(peerAddress))->start();
-    // At the cap, new connections wait in the kernel's backlog until one closes.
-    if (!atCap) accept();
+}
+
+std::uint64_t HttpServer::Impl::markIdle(std::weak_ptr<IdleConnection> connection, bool fresh) {
+    std::lock_guard lock(capMutex);
+    // A connection waits for a place: this one, idle now, gives it up (its caller
+    // closes it when it sees 0).
+    if (parked && !stopping) return 0;
+    const std::uint64_t id = nextIdleId++;
+    (fresh ? freshIdle : keptIdle).emplace(id, std::move(connection));
+    return id;
+}
+
+void HttpServer::Impl::markBusy(std::uint64_t idleId) {
+    if (!idleId) return;
+    std::lock_guard lock(capMutex);
+    if (!freshIdle.erase(idleId)) keptIdle.erase(idleId);
+}
+
+std::pair<std::shared_ptr<IdleConnection>, std::uint64_t> HttpServer::Impl::takeOldestIdle() {
+    for (auto* idle : {&freshIdle, &keptIdle}) {
+        while (!idle->empty()) {
+            auto oldest = idle->begin();
+            const std::uint64_t id = oldest->first;
+            std::shared_ptr<IdleConnection> connection = oldest->second.lock();
+            idle->erase(oldest);
+            if (connection) return {std::move(connection), id};
+        }
+    }
+    return {};
 }
 
 void HttpServer::Impl::releaseConnection() {
     bool resume = false;
+    std::optional<Parked> waiting;
     {
         std::lock_guard lock(capMutex);
         --connections;
-        if (acceptPaused && connections < maxConnections && !stopping) {
+        if (stopping) return;
+        if (parked) {
+            waiting = std::move(parked);  // takes the place that freed up (still counted)
+            parked.reset();
+        }
+        if (acceptPaused && connections <= maxConnections) {
             acceptPaused = false;
             resume = true;
         }
+    }
+    if (waiting) {
+        // On the I/O context: this may run while a session is being destroyed.
+        net::post(ioc, [this, w = std::make_shared<Parked>(std::move(*waiting))]() mutable {
+            startSession(std::move(w->socket), std::move(w->peerAddress));
+        });
     }
     if (resume) net::post(ioc, [this] { accept(); });
 }
@@ -682,6 +798,8 @@ HttpServer::~HttpServer() {
     impl_->workers.join();
     impl_->longWorkers.join();
     impl_->loginWorkers.join();
+    std::lock_guard lock(impl_->capMutex);
+    impl_->parked.reset();  // its socket must go before the I/O context
 }
 
 std::size_t HttpServer::maxConnections() const { return impl_->maxConnections; }

@@ -6,9 +6,11 @@
 // to standard error. Beast and Asio stay inside HttpServer.cpp.
 //
 // Limits that keep one client from starving the others:
-//  * at most Options::maxConnections connections; past it the server stops accepting
-//    until one closes, and when accepting fails for want of descriptors or memory it
-//    backs off (10 ms, doubling to 1 s) instead of spinning;
+//  * at most Options::maxConnections connections: past it the connection that has
+//    waited longest for a request (one that never sent a request first) is closed to
+//    make room; when all are in a request, new ones wait until one idles or closes;
+//    when accepting fails for want of descriptors or memory the server backs off
+//    (10 ms, doubling to 1 s) instead of spinning;
 //  * a new connection's first request header must arrive within 10 s (later ones within
 //    the 60 s idle time), the TLS handshake within 10 s;
 //  * the credential of a request with a body over 64 KiB (or of unknown length) is

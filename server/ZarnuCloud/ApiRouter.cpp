@@ -5,6 +5,7 @@
 #include "CloudPath.h"
 #include "Fingerprint.h"
 #include "PartBatch.h"
+#include "Secrets.h"
 
 #include <boost/json.hpp>
 
@@ -354,10 +355,34 @@ ApiRouter::Call ApiRouter::authorize(const HttpRequest& req, AuthRule rule) {
     return call;
 }
 
+namespace {
+
+constexpr std::size_t kMaxRecentCredentials = 10000;
+
+std::string recentKey(const HttpRequest& request, ApiRouter::AuthRule rule) {
+    return Secrets::sha256(bearerToken(request)) + static_cast<char>(rule);
+}
+
+}  // namespace
+
+bool ApiRouter::credentialRecentlyAccepted(const HttpRequest& request) {
+    ErrorStyle errors;
+    const std::string key = recentKey(request, ruleFor(request.method, request.path, errors));
+    std::lock_guard lock(recentMutex_);
+    const auto it = recent_.find(key);
+    return it != recent_.end() &&
+           std::chrono::steady_clock::now() - it->second < std::chrono::seconds(kRecentCredentialSeconds);
+}
+
 std::optional<HttpResponse> ApiRouter::refuseCredential(const HttpRequest& request) {
     ErrorStyle errors = ErrorStyle::Api;
     try {
-        authorize(request, ruleFor(request.method, request.path, errors));
+        const AuthRule rule = ruleFor(request.method, request.path, errors);
+        authorize(request, rule);
+        const std::string key = recentKey(request, rule);
+        std::lock_guard lock(recentMutex_);
+        if (recent_.size() >= kMaxRecentCredentials) recent_.clear();
+        recent_[key] = std::chrono::steady_clock::now();
         return std::nullopt;
     } catch (const ApiError& e) {
         return refusal(e, errors);
@@ -470,6 +495,11 @@ HttpResponse ApiRouter::login(const Call& call) {
 
 HttpResponse ApiRouter::logout(const Call& call) {
     service_.logout(bearerToken(call.request));
+    {
+        std::lock_guard lock(recentMutex_);
+        for (AuthRule rule : {AuthRule::Account, AuthRule::BuildRole, AuthRule::OperatorOrAccount})
+            recent_.erase(recentKey(call.request, rule));
+    }
     return jsonAnswer(json::object{{"result", "ok"}});
 }
 

@@ -9,7 +9,10 @@
 #include "LoginThrottle.h"
 #include "OperatorCredential.h"
 
+#include <chrono>
+#include <mutex>
 #include <optional>
+#include <unordered_map>
 #include <string>
 #include <vector>
 
@@ -44,6 +47,11 @@ public:
     /// Checks the request's credential against its endpoint's rule (the body is not
     /// needed); the refusal to answer when it fails. May block on the database.
     std::optional<HttpResponse> refuseCredential(const HttpRequest& request);
+    /// Whether refuseCredential accepted this credential for this endpoint's rule in the
+    /// last kRecentCredentialSeconds (memory only, never blocks). Only a hint for reading
+    /// a body at once: the request is still authorised in full when it is handled.
+    bool credentialRecentlyAccepted(const HttpRequest& request);
+    static constexpr std::int64_t kRecentCredentialSeconds = 60;
     /// The path as it may be logged (link tokens hidden).
     static std::string loggablePath(std::string_view path);
 
@@ -97,6 +105,9 @@ private:
     const OperatorCredential& operator_;
     std::string defaultAuthority_;
     LoginThrottle throttle_;
+    // Credentials refuseCredential accepted: SHA-256 of the token plus the rule -> when.
+    std::mutex recentMutex_;
+    std::unordered_map<std::string, std::chrono::steady_clock::time_point> recent_;
 };
 
 }  // namespace zarnu::cloud

@@ -43,6 +43,7 @@ constexpr auto kIdleTimeout = std::chrono::seconds(60);
 constexpr auto kFirstHeaderTimeout = std::chrono::seconds(10);
 constexpr auto kHandshakeTimeout = std::chrono::seconds(10);
 constexpr auto kReadStallTimeout = std::chrono::seconds(20);
+constexpr auto kReadRearmEvery = std::chrono::seconds(1);
 constexpr auto kRateGrace = std::chrono::seconds(10);
 constexpr std::uint64_t kMinBytesPerSecond = 16 * 1024;
 constexpr auto kWriteStallTimeout = std::chrono::seconds(30);
@@ -136,6 +137,7 @@ struct HttpServer::Impl {
     Handler handler;
     Limits limits;
     CheckCredential checkCredential;
+    KnownCredential knownCredential;
     LogPath logPath;
     net::io_context ioc;
     std::optional<ssl::context> sslContext;
@@ -147,9 +149,9 @@ struct HttpServer::Impl {
     net::thread_pool loginWorkers;
     net::signal_set signals{ioc, SIGINT, SIGTERM};
 
-    Impl(Options o, Handler h, Limits l, CheckCredential c, LogPath p)
+    Impl(Options o, Handler h, Limits l, CheckCredential c, KnownCredential k, LogPath p)
         : options(std::move(o)), handler(std::move(h)), limits(std::move(l)), checkCredential(std::move(c)),
-          logPath(std::move(p)), workers(options.workerThreads ? options.workerThreads : 1),
+          knownCredential(std::move(k)), logPath(std::move(p)), workers(options.workerThreads ? options.workerThreads : 1),
           longWorkers(std::max(1u, options.longRequestThreads)), loginWorkers(std::max(1u, options.loginThreads)) {}
 
     net::thread_pool& pool(Lane lane) {
@@ -264,8 +266,9 @@ private:
         head->peerAddress = peerAddress_;
         head->tls = Derived::kTls;
         const bool largeBody = parser_->chunked() || (length && *length > kReadBeforeCheck);
-        if (limits.needsToken && largeBody) {
-            // The credential first: a stranger's large body is never read.
+        if (limits.needsToken && largeBody && !server_.knownCredential(*head)) {
+            // The credential first: a stranger's large body is never read. (A batch of
+            // uploads pays for this once, not on every batch.)
             lowest().expires_never();
             net::post(server_.workers, [s = self().shared_from_this(), head] {
                 auto refusal = s->server_.checkCredential(*head);
@@ -283,6 +286,7 @@ private:
         head_ = std::move(head);
         bodyStart_ = std::chrono::steady_clock::now();
         bodyBytes_ = 0;
+        readArmedAt_ = {};
         if (beast::iequals(parser_->get()[http::field::expect], "100-continue")) {
             auto cont = std::make_shared<http::response<http::empty_body>>(http::status::continue_, 11);
             lowest().expires_after(kWriteStallTimeout);
@@ -300,7 +304,13 @@ private:
     // past the grace time, the body must come at the minimum rate.
     void readBody() {
         if (parser_->is_done()) return onBody();
-        lowest().expires_after(kReadStallTimeout);
+        // Re-arming the timer on every 64 KiB read would cost a fast upload; once a
+        // second is as good for a 20 s stall limit.
+        const auto now = std::chrono::steady_clock::now();
+        if (now - readArmedAt_ >= kReadRearmEvery) {
+            lowest().expires_after(kReadStallTimeout);
+            readArmedAt_ = now;
+        }
         http::async_read_some(self().stream(), buffer_, *parser_,
                               [s = self().shared_from_this()](beast::error_code ec, std::size_t n) {
                                   if (ec) return s->failRead(ec);
@@ -544,6 +554,7 @@ private:
     std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
     std::chrono::steady_clock::time_point bodyStart_;
     std::uint64_t bodyBytes_ = 0;
+    std::chrono::steady_clock::time_point readArmedAt_;  // when the read stall timer was last armed
     std::uint64_t requests_ = 0;
     std::uint64_t idleId_ = 0;  // while waiting for a request: its entry among the idle ones
     std::string method_;
@@ -789,9 +800,9 @@ void HttpServer::Impl::releaseConnection() {
 }
 
 HttpServer::HttpServer(Options options, Handler handler, Limits limits, CheckCredential checkCredential,
-                       LogPath logPath)
+                       KnownCredential knownCredential, LogPath logPath)
     : impl_(std::make_unique<Impl>(std::move(options), std::move(handler), std::move(limits),
-                                   std::move(checkCredential), std::move(logPath))) {}
+                                   std::move(checkCredential), std::move(knownCredential), std::move(logPath))) {}
 
 HttpServer::~HttpServer() {
     stop();

@@ -14,7 +14,8 @@
 //  * a new connection's first request header must arrive within 10 s (later ones within
 //    the 60 s idle time), the TLS handshake within 10 s;
 //  * the credential of a request with a body over 64 KiB (or of unknown length) is
-//    checked as soon as its header arrives, before the body is read;
+//    checked as soon as its header arrives, before the body is read (unless it passed
+//    that check lately);
 //  * a body must keep coming: no read may wait more than 20 s (else the connection
 //    closes), and after its first 10 s it must average at least 16 KiB/s (else 408,
 //    code 222, and the connection closes);
@@ -60,9 +61,14 @@ public:
     /// Checks a request's credential from its header alone; the answer to send when it is
     /// refused. Runs on the worker pool; must not throw.
     using CheckCredential = std::function<std::optional<HttpResponse>(const HttpRequest& head)>;
+    /// Whether a request's credential passed CheckCredential lately, so that its body may
+    /// be read at once (the handler still checks it). Runs on an I/O thread: memory
+    /// only, must not block or throw.
+    using KnownCredential = std::function<bool(const HttpRequest& head)>;
     using LogPath = std::function<std::string(std::string_view path)>;
 
-    HttpServer(Options options, Handler handler, Limits limits, CheckCredential checkCredential, LogPath logPath);
+    HttpServer(Options options, Handler handler, Limits limits, CheckCredential checkCredential,
+               KnownCredential knownCredential, LogPath logPath);
     ~HttpServer();
     HttpServer(const HttpServer&) = delete;
     HttpServer& operator=(const HttpServer&) = delete;

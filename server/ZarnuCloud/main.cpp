@@ -120,6 +120,7 @@ int serve(const CommandLine& cl) {
         options, [router](const HttpRequest& r) { return router->handle(r); },
         [router](std::string_view m, std::string_view p) { return router->limits(m, p); },
         [router](const HttpRequest& head) { return router->refuseCredential(head); },
+        [router](const HttpRequest& head) { return router->credentialRecentlyAccepted(head); },
         [](std::string_view p) { return ApiRouter::loggablePath(p); });
     const std::string url = server.listen();
     std::cout << "listening on " << url << std::endl;

@@ -85,6 +85,15 @@ def test_credential_is_checked_before_a_large_body(cloud_server, new_account):
         status, _, answer = read_answer(sock)
         assert status == 200 and json.loads(answer) == {"received": 1}
 
+    # A token that was accepted a moment ago and then revoked is refused up front too.
+    revoked = alice.token
+    alice.call("logout")
+    with connect(cloud_server.url) as sock:
+        sock.sendall(head(upload, revoked, len(body), "Expect: 100-continue\r\n"))
+        status, _, answer = read_answer(sock)
+        assert status == 401 and json.loads(answer)["error"]["code"] == 177
+    alice.login(alice.name, "correct horse")
+
     # Each endpoint has its own body limit, enforced before the body is read.
     for path, length in [("/api/v1/login", 65 * 1024), ("/api/v1/list", 1024 * 1024 + 1),
                          (upload, 6 * 1024 * 1024)]:

@@ -13,10 +13,10 @@ import urllib.request
 MIB = 1 << 20
 
 
-def start_cloud(exe, data):
-    """Starts `zarnu-cloud serve` over plain HTTP on 127.0.0.1 and a free port; returns
-    (process, address) once it prints its "listening on" line."""
-    proc = subprocess.Popen([exe, "serve", "--data", str(data), "--listen", "127.0.0.1:0", "--http"],
+def start_cloud(exe, data, *options):
+    """Starts `zarnu-cloud serve` over plain HTTP on 127.0.0.1 and a free port (with
+    further `options`); returns (process, address) once it prints its "listening on" line."""
+    proc = subprocess.Popen([exe, "serve", "--data", str(data), "--listen", "127.0.0.1:0", "--http", *options],
                             stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
     line = proc.stdout.readline()
     if not line.startswith("listening on "):
@@ -40,11 +40,24 @@ def add_user(exe, data, user, password):
                    check=True, capture_output=True)
 
 
-def get_json(url, body=None):
+def get_json(url, body=None, token=None):
     data = None if body is None else json.dumps(body).encode()
-    req = urllib.request.Request(url, data=data, headers={"Content-Type": "application/json"})
+    headers = {"Content-Type": "application/json"}
+    if token:
+        headers["Authorization"] = "Bearer " + token
+    req = urllib.request.Request(url, data=data, headers=headers)
     with urllib.request.urlopen(req, timeout=60) as answer:
         return json.load(answer)
+
+
+def operator_token(data):
+    """The operator credential a service made in its data folder (service-wide stats);
+    None for builds that made none (they answered the stats to loopback clients)."""
+    path = os.path.join(data, "operator.token")
+    if not os.path.exists(path):
+        return None
+    with open(path) as f:
+        return f.read().strip()
 
 
 def hash_rate(helper, mib=1024):

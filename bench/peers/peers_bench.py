@@ -18,7 +18,8 @@ import sys
 import tempfile
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
-from benchlib import MIB, add_user, get_json, hash_rate, random_file, same_bytes, start_cloud, stop, timed  # noqa: E402
+from benchlib import (MIB, add_user, get_json, hash_rate, operator_token, random_file, same_bytes,  # noqa: E402
+                      start_cloud, stop, timed)
 
 
 def start_rclone_webdav(folder, env):
@@ -72,9 +73,9 @@ def one_run(args, work, src, env):
             creds = ["-username=bench", "-authToken=" + token, "-cloudAddress=" + address]
             back = run / "zarnu-back"
             out["zarnucmd put"] = timed(cmd + ["put", str(src), "/bench"] + creds, zenv)
-            before = get_json(address + "api/v1/stats")
+            before = get_json(address + "api/v1/stats", token=operator_token(data))
             out["zarnucmd put again"] = timed(cmd + ["put", str(src), "/bench"] + creds, zenv)
-            after = get_json(address + "api/v1/stats")
+            after = get_json(address + "api/v1/stats", token=operator_token(data))
             out["zarnucmd get"] = timed(cmd + ["get", "/bench/" + src.name, str(back)] + creds, zenv)
         finally:
             stop(cloud)

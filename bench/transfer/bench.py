@@ -18,7 +18,7 @@ import sys
 import tempfile
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
-from benchlib import MIB, get_json, hash_rate, start_cloud, timed  # noqa: E402
+from benchlib import MIB, get_json, hash_rate, operator_token, start_cloud, timed  # noqa: E402
 
 
 def main():
@@ -62,9 +62,9 @@ def main():
         for label, verb in (("put (new)", ["put", str(src), "/bench"]),
                             ("put (again)", ["put", str(src), "/bench"]),
                             ("get", ["get", "/bench/" + src.name, str(back)])):
-            stats_before = get_json(address + "api/v1/stats")
+            stats_before = get_json(address + "api/v1/stats", token=operator_token(data))
             seconds, peak_kib = timed(zarnucmd + verb + creds, env)
-            stats_after = get_json(address + "api/v1/stats")
+            stats_after = get_json(address + "api/v1/stats", token=operator_token(data))
             sent = {k: stats_after[k] - stats_before[k]
                     for k in ("parts_received", "bytes_received", "parts_stored", "bytes_sent")}
             runs.append((label, seconds, peak_kib, sent))

@@ -16,6 +16,9 @@ int httpStatusFor(ErrorCode code) {
     case ErrorCode::BadLogin: return 401;
     case ErrorCode::QuotaExceeded: return 507;
     case ErrorCode::StorageFull: return 507;
+    case ErrorCode::TooManyLogins: return 429;
+    case ErrorCode::Forbidden: return 403;
+    case ErrorCode::TooSlow: return 408;
     case ErrorCode::Internal: break;
     }
     return 500;

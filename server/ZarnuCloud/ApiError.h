@@ -3,6 +3,7 @@
 // code, the HTTP status that goes with it and a message that is safe to show a client
 // (it never contains a token or a password).
 
+#include <cstdint>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -26,6 +27,9 @@ enum class ErrorCode : int {
     Conflict = 202,  ///< a conditional write found another version than the client saw
     QuotaExceeded = 210,  ///< the upload would take the account past its storage quota
     StorageFull = 211,    ///< the service's disk is full; nothing of the request was stored
+    TooManyLogins = 220,  ///< login attempts of this user or address are throttled
+    Forbidden = 221,      ///< the credential is valid but lacks the role or operator right
+    TooSlow = 222,        ///< the client sent its request too slowly
 };
 
 /// HTTP status that normally goes with an error code.
@@ -42,6 +46,8 @@ public:
     std::vector<std::string> missing;
     /// What the path holds now (only for ErrorCode::Conflict; null when nothing is there).
     std::shared_ptr<const Entry> current;
+    /// Seconds after which the client may try again (only for ErrorCode::TooManyLogins).
+    std::int64_t retryAfterSeconds = 0;
 
 private:
     ErrorCode code_;

@@ -12,7 +12,8 @@ namespace json = boost::json;
 
 namespace {
 
-constexpr const char* kSettingName = "buildslots";
+// One setting per account: "buildslots/<account id>".
+std::string settingName(std::int64_t account) { return "buildslots/" + std::to_string(account); }
 
 json::object parseObject(std::string_view text, const char* what) {
     json::error_code ec;
@@ -54,13 +55,13 @@ std::string BuildSlots::merge(std::string_view current, std::string_view update)
     return json::serialize(merged);
 }
 
-std::string BuildSlots::load(MetadataStore& store) {
-    auto current = store.setting(kSettingName);
+std::string BuildSlots::load(MetadataStore& store, std::int64_t account) {
+    auto current = store.setting(settingName(account));
     return current ? *current : std::string(R"({"platforms":{}})");
 }
 
-void BuildSlots::store(MetadataStore& store, std::string_view update) {
-    store.updateSetting(kSettingName, [&](const std::optional<std::string>& current) {
+void BuildSlots::store(MetadataStore& store, std::int64_t account, std::string_view update) {
+    store.updateSetting(settingName(account), [&](const std::optional<std::string>& current) {
         return merge(current ? *current : std::string(), update);
     });
 }

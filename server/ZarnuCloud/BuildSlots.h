@@ -1,7 +1,10 @@
 #pragma once
 // The build-slot document: {"platforms": {"<platform>": {"<slot>": {"download_token": "...",
-// "version": "..."}}}}. Merging is pure; storage goes through MetadataStore settings.
+// "version": "..."}}}}. Each account with the build role has a document of its own, which
+// no other account can read or change. Merging is pure; storage goes through
+// MetadataStore settings.
 
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -16,10 +19,11 @@ public:
     /// slots stay. Throws std::invalid_argument describing what is malformed.
     static std::string merge(std::string_view current, std::string_view update);
 
-    /// Current slots, {"platforms": {}} when none were stored.
-    static std::string load(MetadataStore& store);
-    /// Merges and stores in one transaction; throws std::invalid_argument when malformed.
-    static void store(MetadataStore& store, std::string_view update);
+    /// The account's current slots, {"platforms": {}} when it stored none.
+    static std::string load(MetadataStore& store, std::int64_t account);
+    /// Merges into the account's slots and stores them in one transaction; throws
+    /// std::invalid_argument when malformed.
+    static void store(MetadataStore& store, std::int64_t account, std::string_view update);
 };
 
 }  // namespace zarnu::cloud

@@ -97,7 +97,11 @@ LoginResult CloudService::loginWithPassword(std::string_view user, std::string_v
         throw badLogin();
     }
     std::string token = Secrets::randomHex(kTokenBytes);
-    meta_.addToken(Secrets::sha256(token), account->id, unixNow());
+    const std::string tokenHash = Secrets::sha256(token);
+    const std::int64_t now = unixNow();
+    meta_.addToken(tokenHash, account->id, now);
+    meta_.trimTokens(account->id, kMaxTokensPerAccount, tokenHash);
+    meta_.removeTokensUnusedSince(now - kTokenLifetimeSeconds);
     stats_.logins++;
     return {*account, token};
 }
@@ -106,7 +110,8 @@ LoginResult CloudService::loginWithToken(std::string_view token) {
     // Tokens are looked up by their SHA-256 digest, so lookup timing says nothing about
     // the token itself.
     std::optional<AccountId> id;
-    if (isLowerHex(token, kTokenBytes * 2)) id = meta_.accountByToken(Secrets::sha256(token));
+    if (isLowerHex(token, kTokenBytes * 2))
+        id = meta_.useToken(Secrets::sha256(token), unixNow(), kTokenLifetimeSeconds, kTokenRefreshSeconds);
     auto account = id ? meta_.accountById(*id) : std::nullopt;
     if (!account) {
         stats_.loginsFailed++;
@@ -118,7 +123,8 @@ LoginResult CloudService::loginWithToken(std::string_view token) {
 
 AccountId CloudService::authenticate(std::string_view token) {
     if (isLowerHex(token, kTokenBytes * 2))
-        if (auto id = meta_.accountByToken(Secrets::sha256(token))) return *id;
+        if (auto id = meta_.useToken(Secrets::sha256(token), unixNow(), kTokenLifetimeSeconds, kTokenRefreshSeconds))
+            return *id;
     throw ApiError(ErrorCode::NotLoggedIn, "The user is not logged in");
 }
 
@@ -433,10 +439,24 @@ LinkView CloudService::openLink(std::string_view token) {
 }
 
 Entry CloudService::linkedFile(std::string_view token, EntryId id) {
-    LinkView view = openLink(token);
-    for (auto& f : view.files)
-        if (f.id == id) return f;
-    throw ApiError(ErrorCode::NotFound, "The file specified does not exist");
+    auto notFound = [] { return ApiError(ErrorCode::NotFound, "The file specified does not exist"); };
+    if (!isLowerHex(token, kLinkTokenBytes * 2)) throw notFound();
+    auto link = meta_.linkByToken(Secrets::sha256(token));
+    if (!link) throw notFound();
+    // The id may name an earlier version: only the live file now at its path counts.
+    auto file = meta_.entryById(link->account, id);
+    if (!file || file->folder || file->deleted) throw notFound();
+    auto current = meta_.entryByKey(link->account, file->key);
+    if (!current || current->id != id || current->deleted) throw notFound();
+    for (const auto& key : link->keys) {
+        if (key == file->key) return *current;
+        if (!CloudPath::isDescendant(file->key, key)) continue;
+        // A live file lies only below live folders, so the linked folder being live
+        // is enough.
+        auto folder = meta_.entryByKey(link->account, key);
+        if (folder && folder->folder && !folder->deleted) return *current;
+    }
+    throw notFound();
 }
 
 std::unique_ptr<BodySource> CloudService::fileBytes(const Entry& file) {

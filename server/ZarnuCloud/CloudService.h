@@ -57,14 +57,23 @@ public:
     static constexpr std::size_t kMaxLinkFiles = 10000;
     static constexpr unsigned kMaxFeedWaitSeconds = 60;
     static constexpr std::size_t kMaxFeedLimit = 10000;
+    /// A token expires this long after it was made or last used.
+    static constexpr std::int64_t kTokenLifetimeSeconds = 30 * 24 * 60 * 60;
+    /// A token's use time is written at most this often (reads are not writes).
+    static constexpr std::int64_t kTokenRefreshSeconds = 10 * 60;
+    /// A password login beyond this many tokens revokes the account's least recently used.
+    static constexpr std::size_t kMaxTokensPerAccount = 100;
+    /// The role that may read and post the account's build slots.
+    static constexpr std::string_view kBuildRole = "build";
 
     CloudService(MetadataStore& meta, PartStore& parts, Stats& stats);
 
     /// Same error (191) for an unknown user and a wrong password.
     LoginResult loginWithPassword(std::string_view user, std::string_view password);
-    /// 191 for an unknown token.
+    /// 191 for an unknown or expired token.
     LoginResult loginWithToken(std::string_view token);
-    /// The account a bearer token belongs to; 177 when there is none.
+    /// The account a live bearer token belongs to (its use refreshes it); 177 when there
+    /// is none or it expired.
     AccountId authenticate(std::string_view token);
     void logout(std::string_view token);
     /// Creates an account (the user name must be 1..64 of A-Z a-z 0-9 . _ @ + -).
@@ -99,7 +108,8 @@ public:
     std::string createLink(AccountId account, const std::vector<std::string>& paths);
     /// 174 when the token is unknown or nothing live is behind it.
     LinkView openLink(std::string_view token);
-    /// The file with that id when the link reaches it; 174 otherwise.
+    /// The file with that id when the link reaches it (a live file linked, or below a
+    /// live linked folder), found by the id, not by listing; 174 otherwise.
     Entry linkedFile(std::string_view token, EntryId id);
     /// Streams a file's bytes part by part.
     std::unique_ptr<BodySource> fileBytes(const Entry& file);

@@ -64,11 +64,15 @@ bool isLoopbackHost(std::string_view hostView) {
 
 const std::vector<CommandLine::CommandSpec>& CommandLine::commands() {
     static const std::vector<CommandSpec> kCommands = {
-        {"serve [--data DIR] [--listen HOST:PORT] [--tls-cert FILE --tls-key FILE | --self-signed | --http]",
+        {"serve [--data DIR] [--listen HOST:PORT] [--tls-cert FILE --tls-key FILE | --self-signed | --http]\n"
+         "                  [--max-connections N]",
          "Runs the service in the foreground; prints \"listening on <url>\" once it accepts connections.\n"
-         "SIGINT and SIGTERM stop it."},
-        {"user add NAME [--data DIR]", "Adds an account; the password is one line on standard input."},
-        {"user list [--data DIR]", "Lists the accounts."},
+         "SIGINT and SIGTERM stop it. The operator token (service-wide statistics) is in the file\n"
+         "operator.token of the data folder, made on the first start."},
+        {"user add NAME [--build] [--data DIR]", "Adds an account; the password is one line on standard input."},
+        {"user set NAME (--build | --no-build) [--data DIR]",
+         "Gives the account the build role (it may read and post its build slots), or takes it away."},
+        {"user list [--data DIR]", "Lists the accounts, build accounts followed by \"build\"."},
         {"user quota NAME BYTES|none [--data DIR]", "Sets (or with none lifts) the bytes of parts the user may hold."},
         {"-h | --help", "Prints this help."},
     };
@@ -85,6 +89,10 @@ const std::vector<CommandLine::OptionSpec>& CommandLine::options() {
         {"--tls-cert", "FILE", "HTTPS with this PEM certificate chain (needs --tls-key)"},
         {"--tls-key", "FILE", "PEM private key for --tls-cert"},
         {"--http", "", "plain HTTP; only on loopback addresses"},
+        {"--max-connections", "N",
+         "serve at most N connections at once (default 4096, or fewer when the descriptor limit is low)"},
+        {"--build", "", "user add/set: give the account the build role"},
+        {"--no-build", "", "user set: take the build role away"},
     };
     return kOptions;
 }
@@ -124,10 +132,11 @@ CommandLine CommandLine::parse(const std::vector<std::string>& args, const char*
         cl.command = Command::Serve;
         i = 1;
     } else if (args[0] == "user") {
-        if (args.size() < 2) throw UsageError("\"user\" needs a subcommand: add or list");
-        if (args[1] == "add") {
-            if (args.size() < 3 || args[2].rfind("-", 0) == 0) throw UsageError("\"user add\" needs a user NAME");
-            cl.command = Command::UserAdd;
+        if (args.size() < 2) throw UsageError("\"user\" needs a subcommand: add, set or list");
+        if (args[1] == "add" || args[1] == "set") {
+            if (args.size() < 3 || args[2].rfind("-", 0) == 0)
+                throw UsageError("\"user " + args[1] + "\" needs a user NAME");
+            cl.command = args[1] == "add" ? Command::UserAdd : Command::UserSet;
             cl.userName = args[2];
             i = 3;
         } else if (args[1] == "list") {
@@ -148,7 +157,7 @@ CommandLine CommandLine::parse(const std::vector<std::string>& args, const char*
             }
             i = 4;
         } else {
-            throw UsageError("unknown user subcommand \"" + args[1] + "\" (use add, list or quota)");
+            throw UsageError("unknown user subcommand \"" + args[1] + "\" (use add, set, list or quota)");
         }
     } else {
         throw UsageError("unknown command \"" + args[0] + "\" (try --help)");
@@ -171,10 +180,23 @@ CommandLine CommandLine::parse(const std::vector<std::string>& args, const char*
             selfSigned = true;
         } else if (cl.command == Command::Serve && a == "--http") {
             http = true;
+        } else if (cl.command == Command::Serve && a == "--max-connections") {
+            const std::string value = next(a);
+            std::size_t n = 0;
+            auto [end, ec] = std::from_chars(value.data(), value.data() + value.size(), n);
+            if (value.empty() || ec != std::errc() || end != value.data() + value.size() || n < 1 || n > 1000000)
+                throw UsageError("invalid --max-connections \"" + value + "\": use a number from 1 to 1000000");
+            cl.maxConnections = n;
+        } else if ((cl.command == Command::UserAdd || cl.command == Command::UserSet) && a == "--build") {
+            cl.buildRole = true;
+        } else if (cl.command == Command::UserSet && a == "--no-build") {
+            cl.buildRole = false;
         } else {
             throw UsageError("unknown option \"" + a + "\" (try --help)");
         }
     }
+    if (cl.command == Command::UserSet && !cl.buildRole)
+        throw UsageError("\"user set " + cl.userName + "\" needs --build or --no-build");
     const bool files = !cl.certFile.empty() || !cl.keyFile.empty();
     if (int(selfSigned) + int(http) + int(files) > 1)
         throw UsageError("choose one of --tls-cert/--tls-key, --self-signed and --http");

@@ -1,7 +1,9 @@
 #pragma once
 // The zarnu-cloud command line:
 //   zarnu-cloud serve [--data DIR] [--listen HOST:PORT] [--tls-cert FILE --tls-key FILE | --self-signed | --http]
-//   zarnu-cloud user add NAME [--data DIR]
+//                     [--max-connections N]
+//   zarnu-cloud user add NAME [--build] [--data DIR]
+//   zarnu-cloud user set NAME (--build | --no-build) [--data DIR]
 //   zarnu-cloud user list [--data DIR]
 //   zarnu-cloud user quota NAME BYTES|none [--data DIR]
 //   zarnu-cloud -h | --help
@@ -22,7 +24,7 @@ public:
 };
 
 struct CommandLine {
-    enum class Command { Help, Serve, UserAdd, UserList, UserQuota };
+    enum class Command { Help, Serve, UserAdd, UserSet, UserList, UserQuota };
     enum class Transport { SelfSigned, CertificateFiles, PlainHttp };
 
     Command command = Command::Help;
@@ -33,6 +35,11 @@ struct CommandLine {
     std::string certFile;
     std::string keyFile;
     std::string userName;
+    /// serve: the connection cap; 0 derives it from the descriptor limit.
+    std::size_t maxConnections = 0;
+    /// user add / user set: the build role (may post and read build slots). For `user
+    /// set`, unset means the switch was not given.
+    std::optional<bool> buildRole;
     std::optional<std::uint64_t> quotaBytes;  ///< user quota: nothing for "none"
 
     /// home: value of $HOME (may be null) for the default data folder.

@@ -18,8 +18,23 @@ struct HttpRequest {
     std::string authorization;  ///< Authorization header, may be empty
     std::string host;           ///< Host header, may be empty
     std::string body;
-    bool loopbackPeer = false;  ///< the client connected from a loopback address
+    std::string peerAddress;    ///< the client's IP address (for throttling; never trusted)
     bool tls = false;           ///< the connection is HTTPS
+};
+
+/// Which of the server's pools runs a request's handler.
+enum class Lane {
+    Normal,  ///< the shared workers
+    Long,    ///< requests that may be held for long (long polls)
+    Login,   ///< password logins: a small pool of their own, so hashing never holds up the rest
+};
+
+/// What the server must know of a request once its header has arrived, before it reads
+/// the body.
+struct RouteLimits {
+    std::size_t bodyLimit = 0;  ///< larger bodies are refused unread
+    Lane lane = Lane::Normal;
+    bool needsToken = false;    ///< the credential is checked before a large body is read
 };
 
 /// Produces a response body piece by piece (large downloads). Called from one thread at

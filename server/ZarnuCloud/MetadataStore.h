@@ -102,6 +102,23 @@ public:
     virtual std::optional<AccountId> accountByToken(std::string_view tokenHash) = 0;
     virtual void removeToken(std::string_view tokenHash) = 0;
 
+    // --- token lifetime and account roles ---
+    /// The account of a live token: one made or last used less than `lifetime` seconds
+    /// before `now`. A live token last marked used more than `refreshAfter` seconds ago is
+    /// marked used at `now` (so that a token in use never expires); an expired one is
+    /// removed and answers nothing.
+    virtual std::optional<AccountId> useToken(std::string_view tokenHash, std::int64_t now, std::int64_t lifetime,
+                                              std::int64_t refreshAfter) = 0;
+    /// Removes the account's least recently used tokens until at most `keep` remain;
+    /// never the token `newestHash` (the one just made, whose time may equal others').
+    virtual void trimTokens(AccountId account, std::size_t keep, std::string_view newestHash) = 0;
+    /// Removes every token made or last used before `before`; returns how many.
+    virtual std::size_t removeTokensUnusedSince(std::int64_t before) = 0;
+    /// Whether the account has the role (a short lower-case name such as "build").
+    virtual bool hasRole(AccountId account, std::string_view role) = 0;
+    /// Grants (on) or withdraws (!on) the role; doing what is already so changes nothing.
+    virtual void setRole(AccountId account, std::string_view role, bool on) = 0;
+
     // --- parts held by accounts ---
     /// Size recorded when the account uploaded the part, or nothing when it does not hold it.
     virtual std::optional<std::uint64_t> heldPartSize(AccountId account, std::string_view fingerprint) = 0;

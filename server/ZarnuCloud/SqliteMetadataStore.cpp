@@ -95,6 +95,19 @@ const char* kHeldSinceColumn = "ALTER TABLE held_parts ADD COLUMN since INTEGER 
 const char* kChangeSeqColumn = "ALTER TABLE entries ADD COLUMN change_seq INTEGER NOT NULL DEFAULT 0";
 const char* kChangeSeqIndex = "CREATE INDEX IF NOT EXISTS entries_by_change ON entries(account, change_seq, key)";
 
+// Run after kSchema: token use times and account roles. `last_used` 0 means "not used
+// since it was made" (tokens made before tokens expired).
+const char* kTokenUseColumn = "ALTER TABLE tokens ADD COLUMN last_used INTEGER NOT NULL DEFAULT 0";
+const char* kAccessSchema = R"sql(
+CREATE INDEX IF NOT EXISTS tokens_by_account ON tokens(account);
+CREATE TABLE IF NOT EXISTS account_roles(
+  account INTEGER NOT NULL,
+  role TEXT NOT NULL,
+  PRIMARY KEY(account, role)) WITHOUT ROWID;
+)sql";
+// When a token was last made or used.
+constexpr const char* kTokenLastUse = "MAX(created, last_used)";
+
 const char* kEntryColumns =
     "SELECT e.id, e.parent, e.key, e.name, e.folder, e.size, e.modified, e.deleted, e.delete_op, e.part_count, "
     "CASE WHEN e.folder THEN (SELECT COUNT(*) FROM entries c WHERE c.parent = e.id AND c.deleted = 0 "
@@ -429,6 +442,13 @@ SqliteMetadataStore::SqliteMetadataStore(std::filesystem::path file, std::size_t
             hasHeldSince = s.step();
         }
         if (!hasHeldSince) (*lease).exec(kHeldSinceColumn);
+        bool hasTokenUse = false;
+        {
+            Statement s(*lease, "SELECT 1 FROM pragma_table_info('tokens') WHERE name = 'last_used'");
+            hasTokenUse = s.step();
+        }
+        if (!hasTokenUse) (*lease).exec(kTokenUseColumn);
+        (*lease).exec(kAccessSchema);
         (*lease).exec("COMMIT");
     } catch (...) {
         // A failed COMMIT (a full disk) may have rolled back already: the first error is
@@ -534,6 +554,71 @@ void SqliteMetadataStore::removeToken(std::string_view tokenHash) {
     writeTransaction(writeMutex_, *c, [&] {
         Statement s(*c, "DELETE FROM tokens WHERE hash = ?");
         s.bindBlob(tokenHash).run();
+    });
+}
+
+std::optional<AccountId> SqliteMetadataStore::useToken(std::string_view tokenHash, std::int64_t now,
+                                                       std::int64_t lifetime, std::int64_t refreshAfter) {
+    AccountId account = 0;
+    std::int64_t lastUse = 0;
+    {
+        auto c = acquire();
+        Statement s(*c, std::string("SELECT account, ") + kTokenLastUse + " FROM tokens WHERE hash = ?");
+        s.bindBlob(tokenHash);
+        if (!s.step()) return std::nullopt;
+        account = s.integer(0);
+        lastUse = s.integer(1);
+    }
+    const bool expired = now - lastUse >= lifetime;
+    // Reads are the common case: a token is written only when it expired or its use
+    // time is stale, at most once per refreshAfter seconds.
+    if (!expired && now - lastUse <= refreshAfter) return account;
+    auto c = acquire();
+    writeTransaction(writeMutex_, *c, [&] {
+        if (expired) {
+            Statement s(*c, "DELETE FROM tokens WHERE hash = ?");
+            s.bindBlob(tokenHash).run();
+        } else {
+            Statement s(*c, "UPDATE tokens SET last_used = ? WHERE hash = ? AND last_used < ?");
+            s.bind(now).bindBlob(tokenHash).bind(now).run();
+        }
+    });
+    if (expired) return std::nullopt;
+    return account;
+}
+
+void SqliteMetadataStore::trimTokens(AccountId account, std::size_t keep, std::string_view newestHash) {
+    auto c = acquire();
+    writeTransaction(writeMutex_, *c, [&] {
+        Statement s(*c, std::string("DELETE FROM tokens WHERE account = ? AND hash NOT IN (SELECT hash FROM tokens "
+                                    "WHERE account = ? ORDER BY hash = ? DESC, ") +
+                            kTokenLastUse + " DESC, created DESC LIMIT ?)");
+        s.bind(account).bind(account).bindBlob(newestHash).bind(static_cast<std::int64_t>(keep)).run();
+    });
+}
+
+std::size_t SqliteMetadataStore::removeTokensUnusedSince(std::int64_t before) {
+    auto c = acquire();
+    return writeTransaction(writeMutex_, *c, [&] {
+        Statement s(*c, std::string("DELETE FROM tokens WHERE ") + kTokenLastUse + " < ?");
+        s.bind(before).run();
+        return static_cast<std::size_t>(s.changes());
+    });
+}
+
+bool SqliteMetadataStore::hasRole(AccountId account, std::string_view role) {
+    auto c = acquire();
+    Statement s(*c, "SELECT 1 FROM account_roles WHERE account = ? AND role = ?");
+    s.bind(account).bindText(role);
+    return s.step();
+}
+
+void SqliteMetadataStore::setRole(AccountId account, std::string_view role, bool on) {
+    auto c = acquire();
+    writeTransaction(writeMutex_, *c, [&] {
+        Statement s(*c, on ? "INSERT OR IGNORE INTO account_roles(account, role) VALUES(?, ?)"
+                           : "DELETE FROM account_roles WHERE account = ? AND role = ?");
+        s.bind(account).bindText(role).run();
     });
 }
 

@@ -35,6 +35,12 @@ public:
     void addToken(std::string_view tokenHash, AccountId account, std::int64_t now) override;
     std::optional<AccountId> accountByToken(std::string_view tokenHash) override;
     void removeToken(std::string_view tokenHash) override;
+    std::optional<AccountId> useToken(std::string_view tokenHash, std::int64_t now, std::int64_t lifetime,
+                                      std::int64_t refreshAfter) override;
+    void trimTokens(AccountId account, std::size_t keep, std::string_view newestHash) override;
+    std::size_t removeTokensUnusedSince(std::int64_t before) override;
+    bool hasRole(AccountId account, std::string_view role) override;
+    void setRole(AccountId account, std::string_view role, bool on) override;
 
     std::optional<std::uint64_t> heldPartSize(AccountId account, std::string_view fingerprint) override;
     void addHeldParts(AccountId account, const std::vector<PartRef>& parts) override;

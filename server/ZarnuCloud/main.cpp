@@ -7,6 +7,7 @@
 #include "CommandLine.h"
 #include "FolderPartStore.h"
 #include "HttpServer.h"
+#include "OperatorCredential.h"
 #include "PartCollector.h"
 #include "Secrets.h"
 #include "SelfSignedCert.h"
@@ -108,14 +109,18 @@ int serve(const CommandLine& cl) {
     const unsigned cores = std::max(1u, std::thread::hardware_concurrency());
     options.ioThreads = std::min(cores, 4u);
     options.workerThreads = std::max(4u, cores * 2);
-    options.isLongRequest = [](std::string_view path) { return ApiRouter::isLongRequest(path); };
+    options.maxConnections = cl.maxConnections;
     options.onStop = [&service] { service.shutdown(); };
 
+    const OperatorCredential operatorCredential =
+        OperatorCredential::loadOrCreate(data / OperatorCredential::kFileName);
     const std::string authority = (cl.host.find(':') != std::string::npos ? "[" + cl.host + "]" : cl.host);
-    auto router = std::make_shared<ApiRouter>(service, authority + ":" + std::to_string(cl.port));
+    auto router = std::make_shared<ApiRouter>(service, operatorCredential, authority + ":" + std::to_string(cl.port));
     HttpServer server(
         options, [router](const HttpRequest& r) { return router->handle(r); },
-        [](std::string_view m, std::string_view p) { return ApiRouter::bodyLimit(m, p); },
+        [router](std::string_view m, std::string_view p) { return router->limits(m, p); },
+        [router](const HttpRequest& head) { return router->refuseCredential(head); },
+        [router](const HttpRequest& head) { return router->credentialRecentlyAccepted(head); },
         [](std::string_view p) { return ApiRouter::loggablePath(p); });
     const std::string url = server.listen();
     std::cout << "listening on " << url << std::endl;
@@ -133,8 +138,20 @@ int userAdd(const CommandLine& cl) {
     FolderPartStore parts(std::filesystem::path(cl.dataDir) / "parts");
     Stats stats;
     CloudService service(meta, parts, stats);
-    service.addUser(cl.userName, password);
-    std::cout << "user " << cl.userName << " added" << std::endl;
+    const AccountId id = service.addUser(cl.userName, password);
+    if (cl.buildRole.value_or(false)) meta.setRole(id, CloudService::kBuildRole, true);
+    std::cout << "user " << cl.userName << " added" << (cl.buildRole.value_or(false) ? " with the build role" : "")
+              << std::endl;
+    return 0;
+}
+
+int userSet(const CommandLine& cl) {
+    SqliteMetadataStore meta(std::filesystem::path(cl.dataDir) / "meta.sqlite", 1);
+    const auto account = meta.accountByName(cl.userName);
+    if (!account) throw std::runtime_error("there is no user \"" + cl.userName + "\"");
+    const bool build = cl.buildRole.value_or(false);
+    meta.setRole(account->id, CloudService::kBuildRole, build);
+    std::cout << "user " << cl.userName << (build ? " has" : " does not have") << " the build role" << std::endl;
     return 0;
 }
 
@@ -152,7 +169,8 @@ int userQuota(const CommandLine& cl) {
 
 int userList(const CommandLine& cl) {
     SqliteMetadataStore meta(std::filesystem::path(cl.dataDir) / "meta.sqlite", 1);
-    for (const auto& a : meta.accounts()) std::cout << a.name << "\n";
+    for (const auto& a : meta.accounts())
+        std::cout << a.name << (meta.hasRole(a.id, CloudService::kBuildRole) ? " build" : "") << "\n";
     return 0;
 }
 
@@ -173,6 +191,7 @@ int main(int argc, char** argv) {
         case CommandLine::Command::Help: std::cout << CommandLine::usage(); return 0;
         case CommandLine::Command::Serve: return serve(cl);
         case CommandLine::Command::UserAdd: return userAdd(cl);
+        case CommandLine::Command::UserSet: return userSet(cl);
         case CommandLine::Command::UserList: return userList(cl);
         case CommandLine::Command::UserQuota: return userQuota(cl);
         }

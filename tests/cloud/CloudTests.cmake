@@ -8,6 +8,7 @@ add_executable(zarnu-cloud-tests
   ${CMAKE_SOURCE_DIR}/tests/cloud/unit/ListerTest.cpp
   ${CMAKE_SOURCE_DIR}/tests/cloud/unit/CommandLineTest.cpp
   ${CMAKE_SOURCE_DIR}/tests/cloud/unit/PartStoreTest.cpp
+  ${CMAKE_SOURCE_DIR}/tests/cloud/unit/AccessTest.cpp
   ${CMAKE_SOURCE_DIR}/tests/cloud/unit/FaultInjectionEnv.cpp
   ${CMAKE_SOURCE_DIR}/tests/cloud/unit/FaultInjectionTest.cpp
   ${CMAKE_SOURCE_DIR}/tests/cloud/unit/PartCollectorTest.cpp

@@ -170,4 +170,6 @@ class CloudClient:
         return got
 
     def stats(self):
-        return self.get_json("/api/v1/stats", auth=False)
+        """The counters this client's token may see: its account's own, or the whole
+        service's for the operator token."""
+        return self.get_json("/api/v1/stats")

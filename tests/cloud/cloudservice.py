@@ -29,8 +29,9 @@ def run_cloud(*args, stdin=None, check=True):
     return result
 
 
-def add_user(data_dir, name, password):
-    run_cloud("user", "add", name, "--data", data_dir, stdin=password + "\n")
+def add_user(data_dir, name, password, build=False):
+    """Adds an account; `build` gives it the build role (build slots)."""
+    run_cloud("user", "add", name, "--data", data_dir, *(["--build"] if build else []), stdin=password + "\n")
 
 
 class CloudProcess:
@@ -84,6 +85,14 @@ class CloudProcess:
 
     def client(self, **kwargs):
         return CloudClient(self.url, **kwargs)
+
+    def operator_token(self):
+        """The operator credential the service made in its data folder."""
+        return (self.data_dir / "operator.token").read_text().strip()
+
+    def operator_client(self):
+        """A client holding the operator credential (service-wide statistics)."""
+        return CloudClient(self.url, token=self.operator_token())
 
     def stop(self, sig=signal.SIGTERM):
         """Signals the process by id and waits; returns its exit status."""

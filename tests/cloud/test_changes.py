@@ -120,7 +120,7 @@ def test_sigterm_ends_a_held_poll(cloud_factory):
 
     # The service counts a request as it starts handling it: once the count runs one
     # ahead of our own stats calls, the poll is held.
-    watcher = proc.client()
+    watcher = proc.operator_client()
     before = watcher.stats()["requests"]
     t = threading.Thread(target=hold)
     t.start()

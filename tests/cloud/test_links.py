@@ -55,3 +55,22 @@ def test_link_to_a_folder_lists_files_with_their_own_links(new_account, cloud_se
     with pytest.raises(CloudError) as e:
         alice.call("links/create", {"paths": ["/pics", "/not-there"]})
     assert e.value.code == 174
+
+
+def test_link_file_urls_reach_only_live_files_below_the_link(new_account, cloud_server):
+    alice = new_account()
+    old = alice.put_file("/pics/a.jpg", b"old")
+    alice.put_file("/pics/a.jpg", b"new")
+    gone = alice.put_file("/pics/sub/gone.jpg", b"gone")
+    alice.call("delete", {"path": "/pics/sub"})
+    beside = alice.put_file("/pics-not/x.jpg", b"beside")  # shares the folder name's prefix
+    link = alice.call("links/create", {"paths": ["/pics"]})
+    base = f"{cloud_server.url.rstrip('/')}/public/{link['token']}/file/"
+    [listed] = json.loads(fetch(link["link"])[2])["entries"]
+    assert fetch(cloud_server.url.rstrip("/") + listed["url"])[2] == b"new"
+    # An earlier version, a deleted file and a file outside the linked folder: 174.
+    for entry in (old, gone, beside):
+        status, _, body = fetch(base + str(entry["id"]))
+        assert status == 404 and json.loads(body)["error"]["code"] == 174
+    alice.call("delete", {"path": "/pics"})
+    assert fetch(cloud_server.url.rstrip("/") + listed["url"])[0] == 404

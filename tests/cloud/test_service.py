@@ -44,8 +44,16 @@ def test_self_signed_https_verifies_with_its_certificate(tmp_path):
         assert by_name.get_json("/api/v1/info", auth=False)["service"] == "zarnu-cloud"
         with pytest.raises(ssl.SSLCertVerificationError):
             CloudClient(proc.url).get_json("/api/v1/info", auth=False)
-        link = client.call("links/create", {"paths": ["/"]})["link"]
+        # Part files go through the cipher (read off the network threads), in parts
+        # downloads and in a public link's stream alike.
+        data = bytes(range(256)) * 6000
+        client.put_file("/tls.bin", data, part_size=300000)
+        assert client.get_file("/tls.bin") == data
+        link = client.call("links/create", {"paths": ["/tls.bin"]})["link"]
         assert link.startswith("https://")
+        status, _, body = CloudClient(proc.url, cafile=str(cert)).request(
+            "GET", link[link.index("/public/"):], auth=False)
+        assert status == 200 and body == data
     finally:
         proc.stop()
     # The certificate is kept across restarts.
@@ -66,20 +74,60 @@ def post(url, body, token=None):
         return e.code, json.loads(e.read())
 
 
-def test_build_slots_merge(cloud_url):
-    slots = cloud_url + "buildslots/slots/"
+def get(url, token=None):
+    req = urllib.request.Request(url)
+    if token:
+        req.add_header("Authorization", "Bearer " + token)
+    try:
+        with urllib.request.urlopen(req, timeout=30) as resp:
+            return resp.status, json.loads(resp.read())
+    except urllib.error.HTTPError as e:
+        return e.code, json.loads(e.read())
+
+
+def test_build_slots_belong_to_build_accounts(cloud_factory):
+    proc = cloud_factory()
+    slots = proc.url + "buildslots/slots/"
+    add_user(proc.data_dir, "builder", "pw")
+    run_cloud("user", "set", "builder", "--build", "--data", proc.data_dir)
+    run_cloud("user", "add", "builder2", "--build", "--data", proc.data_dir, stdin="pw\n")
+    add_user(proc.data_dir, "plain", "pw")
+    assert run_cloud("user", "list", "--data", proc.data_dir).stdout.split("\n") == [
+        "builder build", "builder2 build", "plain", ""]
+    tokens = {}
+    for name in ("builder", "builder2", "plain"):
+        tokens[name] = proc.client().login(name, "pw")["token"]
+
     first = {"platforms": {"linux": {"stable": {"download_token": "t1", "version": "1.0"}}}}
     second = {"platforms": {"linux": {"beta": {"download_token": "t2", "version": "1.1"}},
                             "mac": {"stable": {"download_token": "t3", "version": "1.0"}}}}
-    assert post(slots, json.dumps(first).encode()) == (200, {"result": "ok", "error": ""})
-    assert post(slots, json.dumps(second).encode())[1]["result"] == "ok"
-    with urllib.request.urlopen(slots, timeout=30) as resp:
-        stored = json.loads(resp.read())
+    # Nobody without a build account reads or writes slots, whatever its address.
+    for token, status in [(None, 401), ("0" * 64, 401), (tokens["plain"], 403), (proc.operator_token(), 401)]:
+        assert post(slots, json.dumps(first).encode(), token)[0] == status
+        answer = get(slots, token)
+        assert answer[0] == status and answer[1]["result"] == "error" and answer[1]["error"]
+
+    builder = tokens["builder"]
+    assert post(slots, json.dumps(first).encode(), builder) == (200, {"result": "ok", "error": ""})
+    assert post(slots, json.dumps(second).encode(), builder)[1]["result"] == "ok"
+    status, stored = get(slots, builder)
+    assert status == 200
     assert stored["platforms"]["linux"] == {**first["platforms"]["linux"], **second["platforms"]["linux"]}
     assert stored["platforms"]["mac"] == second["platforms"]["mac"]
-
     for bad in [b"not json", b"[]", b'{"platforms": 3}', b'{"platforms": {"linux": {"s": {"version": "1"}}}}']:
-        status, answer = post(slots, bad)
+        status, answer = post(slots, bad, builder)
         assert status == 400 and answer["result"] == "error" and answer["error"]
-    with urllib.request.urlopen(slots, timeout=30) as resp:
-        assert json.loads(resp.read()) == stored
+    assert get(slots, builder) == (200, stored)
+
+    # Another build account has slots of its own: it neither sees nor replaces these.
+    other = tokens["builder2"]
+    assert get(slots, other) == (200, {"platforms": {}})
+    assert post(slots, json.dumps({"platforms": {"linux": {"stable": {"download_token": "x", "version": "9"}}}})
+                .encode(), other)[0] == 200
+    assert get(slots, builder) == (200, stored)
+
+    # Taking the role away closes the slots at once, for tokens already issued too.
+    run_cloud("user", "set", "builder", "--no-build", "--data", proc.data_dir)
+    assert get(slots, builder)[0] == 403
+    result = run_cloud("user", "set", "builder", "--data", proc.data_dir, check=False)
+    assert result.returncode == 2 and "--build" in result.stderr

@@ -19,9 +19,17 @@ def private_zarnucmd(real, tmp_path):
     return prefix / "bin"
 
 
-def fetch(url):
-    with urllib.request.urlopen(url, timeout=30) as answer:
+def fetch(url, token=None):
+    request = urllib.request.Request(url)
+    if token:
+        request.add_header("Authorization", "Bearer " + token)
+    with urllib.request.urlopen(request, timeout=30) as answer:
         return answer.read()
+
+
+def stored_slots(cloud):
+    """The test account's build slots (it has the build role)."""
+    return json.loads(fetch(cloud.url + "buildslots/slots/", cloud.client().token))["platforms"]
 
 
 def lines_starting(text, prefix):
@@ -45,7 +53,7 @@ def test_build_uploads_links_and_updates_slots(cloud, tmp_path):
     assert fetch(url) == build.read_bytes()
     assert (bin_dir / "linux-x64_url").read_text() == url
 
-    slots = json.loads(fetch(cloud.url + "buildslots/slots/"))["platforms"]
+    slots = stored_slots(cloud)
     assert slots == {"linux-x64": {"stable": {"download_token": token, "version": "2.0.1"},
                                    "beta": {"download_token": token, "version": "2.0.1"}}}
 
@@ -55,7 +63,7 @@ def test_build_uploads_links_and_updates_slots(cloud, tmp_path):
     assert nebra.returncode == 0, nebra.stderr
     [nebra_token] = lines_starting(nebra.stdout, "token=")
     assert cloud.entry("/Zarnu Builds/agent/nebra/nightly/agent-build.tar") is not None
-    slots = json.loads(fetch(cloud.url + "buildslots/slots/"))["platforms"]
+    slots = stored_slots(cloud)
     assert slots["lin"] == {"nebra-stable": {"download_token": nebra_token, "version": "1.34.0508"}}
     assert "linux-x64" in slots
 
@@ -70,4 +78,4 @@ def test_build_refused_slot_update_retries_then_fails(cloud, tmp_path):
     assert "Cloud error with JSON update: " in result.stderr
     assert result.stdout.count("Retrying...") == 1
     assert result.stdout.count("token=") == 2  # the whole run was repeated
-    assert json.loads(fetch(cloud.url + "buildslots/slots/"))["platforms"] == {}
+    assert stored_slots(cloud) == {}

@@ -44,7 +44,7 @@ class Cloud:
     def __init__(self, zarnucmd, data_dir):
         self.zarnucmd = zarnucmd
         self.proc = cloud_fixtures.CloudProcess(data_dir)
-        cloud_fixtures.add_user(data_dir, USER, PASSWORD)
+        cloud_fixtures.add_user(data_dir, USER, PASSWORD, build=True)
         self.proc.start()
         self.api = None
 
@@ -76,7 +76,8 @@ class Cloud:
         return entries[0] if entries else None
 
     def stats(self):
-        return self.client().get_json("/api/v1/stats", auth=False)
+        """The service-wide counters (read with the operator credential)."""
+        return self.proc.operator_client().stats()
 
     def stop(self, **kwargs):
         if self.api:

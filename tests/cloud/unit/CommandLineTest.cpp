@@ -56,3 +56,19 @@ TEST(CommandLine, ErrorsNameTheBadInput) {
     EXPECT_EQ(parse({"user", "add", "bob", "--data", "/x"}).userName, "bob");
     EXPECT_EQ(parse({"--help"}).command, CommandLine::Command::Help);
 }
+
+TEST(CommandLine, BuildRoleSwitchAndConnectionCap) {
+    EXPECT_FALSE(parse({"user", "add", "bob"}).buildRole.value_or(false));
+    EXPECT_TRUE(*parse({"user", "add", "bob", "--build"}).buildRole);
+    auto cl = parse({"user", "set", "bob", "--no-build", "--data", "/x"});
+    EXPECT_EQ(cl.command, CommandLine::Command::UserSet);
+    EXPECT_FALSE(*cl.buildRole);
+    EXPECT_NE(usageError({"user", "set", "bob"}).find("--build"), std::string::npos);
+    EXPECT_NE(usageError({"user", "add", "bob", "--no-build"}).find("--no-build"), std::string::npos);
+    EXPECT_NE(usageError({"serve", "--build"}).find("--build"), std::string::npos);
+
+    EXPECT_EQ(parse({"serve", "--max-connections", "12"}).maxConnections, 12u);
+    EXPECT_EQ(parse({"serve"}).maxConnections, 0u);
+    for (const char* bad : {"0", "-3", "many", "12x"})
+        EXPECT_NE(usageError({"serve", "--max-connections", bad}).find(bad), std::string::npos) << bad;
+}

@@ -130,7 +130,9 @@ void YBuildVerb::UpdateCloudSlots(const Qel::JSON::YObject& request, bool debug)
 
   if (debug) out << "Request: \n" << request.Stringify(true) << Ctl::EndLine;
   const CloudSync::YCurlObj::Response response =
-      curl.Post("slots/", {{"Content-Type", "application/json"}}, request.Stringify(false), kPostTimeoutSeconds);
+      curl.Post("slots/",
+                {{"Content-Type", "application/json"}, {"Authorization", "Bearer " + module_->GetApi().GetToken()}},
+                request.Stringify(false), kPostTimeoutSeconds);
 
   const YString failure = "Cloud error with JSON update: ";
   Qel::JSON::YObject answer;

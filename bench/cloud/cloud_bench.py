@@ -14,7 +14,6 @@ import argparse
 import os
 import pathlib
 import shutil
-import subprocess
 import sys
 import tempfile
 import threading
@@ -23,24 +22,12 @@ import time
 HERE = pathlib.Path(__file__).resolve().parent
 REPO = HERE.parents[1]
 sys.path.insert(0, str(REPO / "tests" / "cloud"))
+sys.path.insert(0, str(REPO / "bench"))
 
+from benchlib import add_user, start_cloud, stop  # noqa: E402
 from cloudclient import CloudClient, fingerprint  # noqa: E402
 
 MIB = 1024 * 1024
-
-
-def start_service(bin_dir, data_dir):
-    cloud = str(pathlib.Path(bin_dir) / "zarnu-cloud")
-    subprocess.run([cloud, "user", "add", "bench", "--data", data_dir], input="bench\n", text=True,
-                   check=True, capture_output=True)
-    log = open(os.path.join(data_dir, "serve.log"), "wb")
-    proc = subprocess.Popen([cloud, "serve", "--data", data_dir, "--listen", "127.0.0.1:0", "--http"],
-                            stdout=subprocess.PIPE, stderr=log)
-    line = proc.stdout.readline().decode().strip()
-    if not line.startswith("listening on "):
-        proc.kill()
-        raise SystemExit("zarnu-cloud did not start: " + line)
-    return proc, line[len("listening on "):]
 
 
 def run_threads(count, work):
@@ -71,7 +58,9 @@ def main():
         url = args.url
     else:
         data_dir = tempfile.mkdtemp(prefix="zarnu-cloud-bench-")
-        proc, url = start_service(args.bin_dir, data_dir)
+        cloud = str(pathlib.Path(args.bin_dir) / "zarnu-cloud")
+        add_user(cloud, data_dir, args.user, args.password)
+        proc, url = start_cloud(cloud, data_dir)
     try:
         token = CloudClient(url).login(args.user, args.password)["token"]
         results = {}
@@ -127,8 +116,7 @@ def main():
         print(f"small listings: {results['list']:8.0f} requests/s ({args.list_clients} clients, 10-entry folder)")
     finally:
         if proc:
-            proc.kill()
-            proc.wait()
+            stop(proc)
         if data_dir:
             shutil.rmtree(data_dir, ignore_errors=True)
 

@@ -16,7 +16,6 @@ import pathlib
 import random
 import shutil
 import statistics
-import subprocess
 import sys
 import tempfile
 import time
@@ -24,22 +23,10 @@ import time
 HERE = pathlib.Path(__file__).resolve().parent
 REPO = HERE.parents[1]
 sys.path.insert(0, str(REPO / "tests" / "cloud"))
+sys.path.insert(0, str(REPO / "bench"))
 
+from benchlib import add_user, start_cloud, stop  # noqa: E402
 from cloudclient import CloudClient  # noqa: E402
-
-
-def start_service(cloud, data_dir):
-    for name in ("owner", "prober"):
-        subprocess.run([cloud, "user", "add", name, "--data", data_dir], input="bench\n", text=True,
-                       check=True, capture_output=True)
-    log = open(os.path.join(data_dir, "serve.log"), "wb")
-    proc = subprocess.Popen([cloud, "serve", "--data", data_dir, "--listen", "127.0.0.1:0", "--http"],
-                            stdout=subprocess.PIPE, stderr=log)
-    line = proc.stdout.readline().decode().strip()
-    if not line.startswith("listening on "):
-        proc.kill()
-        sys.exit("zarnu-cloud did not start: " + line)
-    return proc, line[len("listening on "):]
 
 
 def summary(name, seconds):
@@ -55,7 +42,10 @@ def main():
     ap.add_argument("--size", type=int, default=64 * 1024)
     args = ap.parse_args()
     work = tempfile.mkdtemp(prefix="dedupe-timing-", dir="/var/tmp")
-    proc, url = start_service(str(pathlib.Path(args.bin_dir) / "zarnu-cloud"), work)
+    cloud = str(pathlib.Path(args.bin_dir) / "zarnu-cloud")
+    for name in ("owner", "prober"):
+        add_user(cloud, work, name, "bench")
+    proc, url = start_cloud(cloud, work)
     try:
         owner, prober = CloudClient(url), CloudClient(url)
         owner.login("owner", "bench")
@@ -74,8 +64,7 @@ def main():
         for kind, seconds in times.items():
             print(summary(kind, seconds))
     finally:
-        proc.terminate()
-        proc.wait()
+        stop(proc)
         shutil.rmtree(work, ignore_errors=True)
 
 

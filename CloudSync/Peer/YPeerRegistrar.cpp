@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdlib>
 #include <random>
@@ -16,6 +17,7 @@ namespace {
 constexpr unsigned int kLogPeer = 203;         // CSM_PEER
 constexpr unsigned int kLogPeerPackets = 205;  // CSM_PEERPAK
 constexpr int kPollMs = 200;
+constexpr size_t kDepartedKept = 64;  // goodbyes remembered (YPeerRegistrar::departed_)
 
 Qel::Log::YLog& Log() { return Qel::Log::GetGlobalLogger(); }
 
@@ -180,6 +182,10 @@ void YPeerRegistrar::Handle(const PeerPacket& packet, const sockaddr_storage& fr
       return;
     case PeerPacketKind::kGoodbye: {
       std::lock_guard<std::mutex> lock(mutex_);
+      if (std::find(departed_.begin(), departed_.end(), packet.senderId) == departed_.end()) {
+        departed_.push_back(packet.senderId);
+        if (departed_.size() > kDepartedKept) departed_.pop_front();
+      }
       if (table_.Forget(packet.self.deviceId)) MarkChanged();
       return;
     }
@@ -188,6 +194,7 @@ void YPeerRegistrar::Handle(const PeerPacket& packet, const sockaddr_storage& fr
       PeerInfo peer = packet.self;
       peer.address = FormatPeerAddress(from);
       std::lock_guard<std::mutex> lock(mutex_);
+      if (std::find(departed_.begin(), departed_.end(), packet.senderId) != departed_.end()) return;
       switch (table_.Heard(peer, Clock::now())) {
         case YPeerTable::Update::kChanged:
           MarkChanged();

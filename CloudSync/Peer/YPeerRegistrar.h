@@ -26,6 +26,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <list>
 #include <memory>
@@ -122,6 +123,11 @@ class YPeerRegistrar {
   std::condition_variable changed_cv_;
   Clock::time_point last_query_{};
   std::set<unsigned int> joined_v6_;  // interface indexes in the IPv6 group
+  // Engines (by instance id) that said goodbye, the latest last, at most
+  // kDepartedKept: an answer of theirs read after the goodbye (it may come in
+  // on another socket) must not bring them back. A restarted agent is a new
+  // instance and is heard at once.
+  std::deque<uint64_t> departed_;
   std::vector<Qel::YString> problems_;
 
   boost::signals2::signal<void()> changed_signal_;

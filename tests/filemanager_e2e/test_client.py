@@ -15,6 +15,21 @@ from conftest import eventually, synced, write, zarnu_overlay
 PNG_SIGNATURE = b"\x89PNG\r\n\x1a\n"
 
 
+def stop_agent(pid):
+    """SIGSTOP, then waits until every thread of the agent is stopped: a thread busy at the
+    signal may otherwise still answer a request sent right after it."""
+    os.kill(pid, signal.SIGSTOP)
+
+    def all_stopped():
+        states = []
+        for task in os.listdir(f"/proc/{pid}/task"):
+            with open(f"/proc/{pid}/task/{task}/stat") as stat:
+                states.append(stat.read().rsplit(")", 1)[1].split()[0])
+        return all(state in ("T", "t") for state in states)
+
+    eventually(all_stopped, timeout=30, what="the agent's threads to stop")
+
+
 def emblem(client, path):
     return zarnu_overlay.emblem_for(client.status_of(path))
 
@@ -101,7 +116,7 @@ def test_an_agent_that_dies_takes_its_emblems_and_one_that_hangs_costs_no_wait(a
 
     # Stopped and not answering: the menu is not waited for beyond what the caller allows,
     # and it is kept (and told of) once the agent answers.
-    os.kill(agent.process.proc.pid, signal.SIGSTOP)
+    stop_agent(agent.process.proc.pid)
     try:
         assert returns_at_once(lambda: client.menu_for([path], wait=0.2)) is None
         assert emblem(client, path) == "emblem-zarnu-synced"  # from the cache, the agent is not asked
@@ -154,7 +169,7 @@ def test_in_the_file_managers_main_loop(agent):
         run_main_loop_until(lambda: emblem(client, path) == "emblem-zarnu-synced", "the synced emblem")
         assert [entry.title for entry in client.menu_for([path], wait=30)] == ["Copy public link", "Show in cloud"]
 
-        os.kill(agent.process.proc.pid, signal.SIGSTOP)
+        stop_agent(agent.process.proc.pid)
         try:
             assert client.menu_for([path, str(agent.root)], wait=0.2) is None
         finally:

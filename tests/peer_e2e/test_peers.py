@@ -169,6 +169,42 @@ for i in range(5000):
     assert watcher.stop()[0] == 0
 
 
+def send_from(lan, address, packets):
+    """Sends made-up discovery packets from `address` (an address of side a) to side b's
+    port. `packets` is Python building a list named `out` from packet(kind, doc, sender)."""
+    sent = subprocess.run([*lan.run_in("a"), "python3", "-c", f"""
+import json, socket, struct
+s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+s.bind(("{address}", 0))
+def packet(kind, doc, sender):
+    body = json.dumps(doc).encode()
+    return b"ZRNP" + struct.pack(">BBHQ", 1, kind, len(body), sender) + body
+out = []
+{packets}
+for p in out:
+    s.sendto(p, ("10.77.0.2", {PEER_PORT}))
+"""], capture_output=True, text=True, timeout=60)
+    assert sent.returncode == 0, sent.stderr
+
+
+def test_an_answer_read_after_a_goodbye_does_not_bring_the_peer_back(lan, scan):
+    # An engine's answer may be read after its goodbye (they leave by different
+    # sockets); the goodbye still holds for that engine, and a new start of the
+    # same device (another instance) is heard at once.
+    watcher = scan("b")
+    lan.add_address("a", "10.77.0.4")
+    doc = 'doc = {"device": "ab" * 16, "host": "leaving", "user": "", "version": "1"}\n'
+    send_from(lan, "10.77.0.4", doc + "out.append(packet(3, doc, 41))")
+    watcher.wait_for(lambda p: any(x.startswith("leaving ") for x in p), ARRIVAL, "the made-up peer")
+    send_from(lan, "10.77.0.4", doc + "out += [packet(4, doc, 41), packet(2, doc, 41)]")
+    watcher.wait_for(lambda p: p == [], ARRIVAL, "the peer gone after its goodbye")
+    send_from(lan, "10.77.0.4", doc + 'doc["host"] = "back"\nout.append(packet(3, doc, 42))')
+    seen = []
+    watcher.wait_for(lambda p: seen.append(p) or any(x.startswith("back ") for x in p), ARRIVAL, "the new instance")
+    assert not any(x.startswith("leaving ") for p in seen for x in p), seen
+    assert watcher.stop()[0] == 0
+
+
 def take_terminal():
     """In the child: a session of its own whose controlling terminal is standard input,
     so that Ctrl-C typed there sends SIGINT to it, as in a user's shell."""

@@ -64,18 +64,15 @@ def test_self_signed_https_verifies_with_its_certificate(tmp_path):
 
 
 def post(url, body, token=None):
-    req = urllib.request.Request(url, data=body, method="POST")
-    if token:
-        req.add_header("Authorization", "Bearer " + token)
-    try:
-        with urllib.request.urlopen(req, timeout=30) as resp:
-            return resp.status, json.loads(resp.read())
-    except urllib.error.HTTPError as e:
-        return e.code, json.loads(e.read())
+    return answer(urllib.request.Request(url, data=body, method="POST"), token)
 
 
 def get(url, token=None):
-    req = urllib.request.Request(url)
+    return answer(urllib.request.Request(url), token)
+
+
+def answer(req, token):
+    """(status, JSON body) of a request, error answers included."""
     if token:
         req.add_header("Authorization", "Bearer " + token)
     try:

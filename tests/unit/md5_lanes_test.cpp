@@ -135,14 +135,6 @@ TEST_P(Md5ManyTest, ZeroCountAndNullEmptyMessages) {
   EXPECT_EQ(std::memcmp(&out[2], &untouched[2], sizeof out[2]), 0);
 }
 
-TEST(Md5ManyEngineTest, BestIsTheWidestAvailable) {
-  size_t widest = 1;
-  if (Qel::Crypto::Md5EngineAvailable(Md5Engine::kAvx2)) widest = 8;
-  if (Qel::Crypto::Md5EngineAvailable(Md5Engine::kAvx512)) widest = 16;
-  EXPECT_EQ(Qel::Crypto::Md5LaneWidth(), widest);
-  EXPECT_EQ(Qel::Crypto::Md5LaneWidth(Md5Engine::kScalar), 1u);
-}
-
 std::string EngineName(const testing::TestParamInfo<Md5Engine>& info) {
   static const char* const kNames[] = {"Best", "Scalar", "Avx2", "Avx512"};
   return kNames[static_cast<int>(info.param)];

@@ -228,9 +228,6 @@ std::vector<DownloadedPart> CloudService::downloadParts(AccountId account, Entry
     if (!entry) throw ApiError(ErrorCode::NotFound, "The file specified does not exist: id " + std::to_string(file));
     if (entry->folder) throw ApiError(ErrorCode::IsFolder, "The target path is a folder: id " + std::to_string(file));
 
-    std::unordered_set<std::string> inFile;
-    for (auto& loc : meta_.fileParts(entry->id, 0)) inFile.insert(std::move(loc.fingerprint));
-
     std::vector<DownloadedPart> out;
     std::size_t bytes = 0;
     for (const auto& fp : fingerprints) {
@@ -240,7 +237,7 @@ std::vector<DownloadedPart> CloudService::downloadParts(AccountId account, Entry
             throw ApiError(ErrorCode::BadInput, "Malformed fingerprint \"" + fp.substr(0, 80) + "\"");
         if (bytes >= kMaxDownloadBytes) {
             part.status = DownloadedPart::Status::Later;
-        } else if (inFile.count(fp) || meta_.accountReferencesPart(account, fp)) {
+        } else if (meta_.fileReferencesPart(entry->id, fp) || meta_.accountReferencesPart(account, fp)) {
             if (auto file = parts_.open(fp)) {
                 if (bytes > 0 && bytes + file->size > kMaxDownloadBytes) {
                     part.status = DownloadedPart::Status::Later;

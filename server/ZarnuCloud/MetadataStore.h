@@ -126,6 +126,9 @@ public:
     virtual void addHeldParts(AccountId account, const std::vector<PartRef>& parts) = 0;
     /// Whether any file of the account (any version, deleted or not) references the part.
     virtual bool accountReferencesPart(AccountId account, std::string_view fingerprint) = 0;
+    /// Whether this file (this version) references the part: one index look-up, however
+    /// many parts the file has.
+    virtual bool fileReferencesPart(EntryId file, std::string_view fingerprint) = 0;
 
     // --- reading the tree ---
     virtual std::optional<Entry> entryByKey(AccountId account, std::string_view key) = 0;

@@ -652,6 +652,14 @@ bool SqliteMetadataStore::accountReferencesPart(AccountId account, std::string_v
     return s.step();
 }
 
+bool SqliteMetadataStore::fileReferencesPart(EntryId file, std::string_view fingerprint) {
+    auto c = acquire();
+    // The fingerprint index holds the file id too (the table's key): a single seek.
+    Statement s(*c, "SELECT 1 FROM file_parts WHERE fingerprint = ? AND file = ? LIMIT 1");
+    s.bindText(fingerprint).bind(file);
+    return s.step();
+}
+
 // ---- reading the tree ----
 
 std::optional<Entry> SqliteMetadataStore::entryByKey(AccountId account, std::string_view key) {

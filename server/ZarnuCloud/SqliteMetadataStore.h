@@ -45,6 +45,7 @@ public:
     std::optional<std::uint64_t> heldPartSize(AccountId account, std::string_view fingerprint) override;
     void addHeldParts(AccountId account, const std::vector<PartRef>& parts) override;
     bool accountReferencesPart(AccountId account, std::string_view fingerprint) override;
+    bool fileReferencesPart(EntryId file, std::string_view fingerprint) override;
 
     std::optional<Entry> entryByKey(AccountId account, std::string_view key) override;
     std::optional<Entry> entryById(AccountId account, EntryId id) override;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <memory>
 #include <utility>
 
 namespace zarnu::cloud {
@@ -36,10 +37,12 @@ private:
     int fd_ = -1;
 };
 
-/// The first `size` bytes of `fd`, from offset 0.
+/// The first `size` bytes of `fd`, from offset 0. When `bytes` is set they were already
+/// read, and are sent from there rather than from the file.
 struct FileSlice {
     UniqueFd fd;
     std::uint64_t size = 0;
+    std::shared_ptr<const unsigned char> bytes;
 };
 
 }  // namespace zarnu::cloud

@@ -17,6 +17,7 @@
 // All changes to files go through an Env (Env::posix() unless a test gives another).
 
 #include "Env.h"
+#include "PartBuffers.h"
 #include "PartStore.h"
 
 #include <array>
@@ -48,6 +49,10 @@ public:
 private:
     /// The part's file, open, and its size; nothing when it is absent or empty.
     std::optional<FileSlice> openFile(std::string_view fingerprint) const;
+    /// Reads the whole part past the page cache into a block of `buffers_`; nothing when
+    /// no block is free or the file system refuses (the caller then reads through the
+    /// page cache).
+    std::shared_ptr<unsigned char> readDirect(int fd, std::size_t size);
     /// Moves the damaged file that `fd` has open out of the way, unless a new upload has
     /// already replaced it.
     void quarantine(std::string_view fingerprint, int fd);
@@ -60,6 +65,7 @@ private:
     std::mutex& placeLock(std::string_view fingerprint);
     std::array<std::mutex, 256> placeLocks_;
     std::atomic<std::uint64_t> quarantined_{0};
+    PartBuffers buffers_;
 };
 
 }  // namespace zarnu::cloud

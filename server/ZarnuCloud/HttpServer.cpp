@@ -497,6 +497,18 @@ protected:
             st->offset = 0;
         }
         if (st->index == st->files.size()) return finishSlices(st, {});
+        if (const FileSlice& f = st->files[st->index]; f.bytes) {  // already read: no disk work
+            lowest().expires_after(kWriteStallTimeout);
+            const auto n = static_cast<std::size_t>(f.size - st->offset);
+            net::async_write(self().stream(), net::buffer(f.bytes.get() + st->offset, n),
+                             [s = self().shared_from_this(), st](beast::error_code ec, std::size_t written) {
+                                 st->sent += written;
+                                 st->offset += written;
+                                 if (ec) return s->finishSlices(st, ec);
+                                 s->copySlices(st);
+                             });
+            return;
+        }
         if (sliceBuffer_.empty()) sliceBuffer_.resize(kSliceChunk);
         net::post(server_.workers, [s = self().shared_from_this(), st] {
             const FileSlice& f = st->files[st->index];
@@ -588,7 +600,7 @@ public:
     }
 
     // Sends the files with sendfile(2): from the page cache to the socket without a copy
-    // through the service. Waits for room in the socket without holding a thread, for
+    // through the service (parts already read into memory are sent from there). Waits for room in the socket without holding a thread, for
     // at most the write stall time-out each time.
     void sendSlices(const std::shared_ptr<SliceSending>& st) {
         auto& socket = stream_.socket();
@@ -602,9 +614,10 @@ public:
                 st->offset = 0;
                 continue;
             }
+            const auto want = static_cast<std::size_t>(std::min<std::uint64_t>(f.size - st->offset, 1u << 30));
             off_t at = static_cast<off_t>(st->offset);
-            const ssize_t n = ::sendfile(socket.native_handle(), f.fd.get(), &at,
-                                         static_cast<std::size_t>(std::min<std::uint64_t>(f.size - st->offset, 1u << 30)));
+            const ssize_t n = f.bytes ? ::send(socket.native_handle(), f.bytes.get() + st->offset, want, MSG_NOSIGNAL)
+                                      : ::sendfile(socket.native_handle(), f.fd.get(), &at, want);
             if (n > 0) {
                 st->offset += static_cast<std::uint64_t>(n);
                 st->sent += static_cast<std::uint64_t>(n);

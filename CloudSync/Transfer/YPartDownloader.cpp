@@ -1,20 +1,24 @@
 // Download pipeline. Invariants:
 // - Batches are cut up front; batch k is fetched by some fetcher into one of
-//   that fetcher's two buffers, then lands in `fetched` under its index.
+//   that fetcher's buffers, then lands in `fetched` under its index.
 // - The calling thread takes batches strictly in index order (with the ones
 //   right after them that are already there, so their fingerprints are
-//   computed together), checks them and hands them to the writer in order.
-// - The writer writes in that order and gives each buffer back to its
-//   fetcher once written, so a fetcher never refills a buffer still in use.
+//   computed together), checks them and queues them for writing in order.
+// - Two writers take queued batches oldest first, one straight to the disk,
+//   one through the page cache; each gives a buffer back to its fetcher once
+//   written, so a fetcher never refills a buffer still in use.
 // - The first failure (fetch, check, write, cancel) sets `stop`; nothing
-//   after the failing batch is handed to the writer, everything before it is
-//   written, then the failure is raised on the calling thread.
+//   after the failing batch is queued. Every batch before it is written; when
+//   a write failed, nothing after it is written or kept (a batch the other
+//   writer had already finished is cut off), then the failure is raised on the
+//   calling thread.
 #include "CloudSync/Transfer/YPartDownloader.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <deque>
@@ -38,7 +42,7 @@ namespace CloudSync {
 namespace {
 
 constexpr const char *kFile = "CloudSync/Transfer/YPartDownloader";
-constexpr size_t kBuffersPerFetcher = 3;
+constexpr size_t kBuffersPerFetcher = 2;  // one being filled, one checked or written
 constexpr size_t kCheckedTogether = 16;  // parts whose fingerprints are computed in one go
 
 using Qel::YString;
@@ -75,11 +79,12 @@ std::vector<Batch> CutBatches(const MetadataInfo &entry) {
   return batches;
 }
 
-// Writes parts at their offsets. Whole, page-aligned pages go through a
-// second, O_DIRECT descriptor of the same file: they reach the disk without
-// filling the page cache (whose fresh pages cost more than the copy itself
-// on many machines); anything else, and every write on a file system that
-// refuses O_DIRECT, goes through `fd`.
+// Writes parts at their offsets, by either of two ways. WriteDirect sends
+// whole, page-aligned pages through a second, O_DIRECT descriptor of the same
+// file: they reach the disk without filling the page cache. WriteCached (and
+// WriteDirect for anything else, or on a file system that refuses O_DIRECT)
+// goes through `fd` and the page cache. Which way is faster depends on the
+// machine: a slow disk favours the cache, costly fresh cache pages the disk.
 class PartWriter {
  public:
   explicit PartWriter(int fd) : fd_(fd) {
@@ -92,15 +97,26 @@ class PartWriter {
   PartWriter(const PartWriter &) = delete;
   PartWriter &operator=(const PartWriter &) = delete;
 
-  void Write(const unsigned char *bytes, size_t size, uint64_t offset) {
-    if (direct_ >= 0 && Aligned(bytes, size, offset)) {
-      if (WriteAll(direct_, bytes, size, offset)) return;
+  // Whether WriteDirect can still bypass the page cache.
+  bool HasDirect() const { return direct_.load() >= 0; }
+
+  void WriteDirect(const unsigned char *bytes, size_t size, uint64_t offset) {
+    const int direct = direct_.load();
+    if (direct >= 0 && Aligned(bytes, size, offset)) {
+      if (WriteAll(direct, bytes, size, offset)) return;
       if (errno != EINVAL) Fail();
-      ::close(direct_);  // the file system wants other alignments: stay with the page cache
-      direct_ = -1;
+      // The file system wants other alignments: stay with the page cache.
+      if (direct_.exchange(-1) == direct) ::close(direct);
     }
+    WriteCached(bytes, size, offset);
+  }
+
+  void WriteCached(const unsigned char *bytes, size_t size, uint64_t offset) {
     if (!WriteAll(fd_, bytes, size, offset)) Fail();
   }
+
+  // Cuts the file back to `size` bytes (after a failed write); best effort.
+  void CutAt(uint64_t size) { (void)::ftruncate(fd_, static_cast<off_t>(size)); }
 
  private:
   static bool Aligned(const unsigned char *bytes, size_t size, uint64_t offset) {
@@ -124,7 +140,7 @@ class PartWriter {
   }
 
   int fd_;
-  int direct_ = -1;
+  std::atomic<int> direct_{-1};
 };
 
 // One fetched batch: where its bytes are, or why there are none.
@@ -148,7 +164,8 @@ class Pipeline {
       for (auto &slot : slots) slot.buffer = std::make_unique<YPartsBuffer>();
     std::vector<std::thread> threads;
     for (size_t i = 0; i < fetchers; ++i) threads.emplace_back([this, i, &connections] { Fetch(i, *connections[i]); });
-    threads.emplace_back([this] { WriteInOrder(); });
+    threads.emplace_back([this] { Write(Sink::kDisk); });
+    if (writer_.HasDirect()) threads.emplace_back([this] { Write(Sink::kPageCache); });
     std::exception_ptr failure;
     try {
       Check(progress, cancelled);
@@ -161,6 +178,7 @@ class Pipeline {
     }
     wake_.notify_all();
     for (std::thread &t : threads) t.join();
+    if (write_error_) writer_.CutAt(batches_[failed_write_].offset);  // a later batch may be in
     if (failure) std::rethrow_exception(failure);
     if (write_error_) std::rethrow_exception(write_error_);
   }
@@ -175,6 +193,7 @@ class Pipeline {
     size_t index;
     Fetched where;
   };
+  enum class Sink { kDisk, kPageCache };
 
   void Fetch(size_t fetcher, YCloudApi &api) {
     while (true) {
@@ -298,36 +317,48 @@ class Pipeline {
     }
   }
 
-  // The writer thread: writes checked batches in order, then frees their buffers.
-  void WriteInOrder() {
+  // A writer thread: takes the oldest checked batch, writes it the sink's way,
+  // then frees its buffer. Two of them share the batches, whichever is free
+  // taking the next, so the disk and the page cache each take what they can.
+  void Write(Sink sink) {
     while (true) {
       Checked c;
+      bool failed_before = false;  // then the batch is given back unwritten
       {
         std::unique_lock<std::mutex> lock(mutex_);
         wake_.wait(lock, [&] { return stop_ || !to_write_.empty(); });
         if (to_write_.empty()) return;  // stopped, and nothing left to write
         c = to_write_.front();
         to_write_.pop_front();
+        failed_before = write_error_ != nullptr;
       }
-      try {
-        if (!write_error_) {
-          const YPartsBuffer &buffer = *buffers_[c.where.fetcher][c.where.slot].buffer;
-          for (const PartPtr &part : batches_[c.index].parts) {
-            size_t size = 0;
-            const unsigned char *bytes = buffer.Find(part->fingerprint, size);
-            writer_.Write(bytes, size, part->offset);
+      if (!failed_before) {
+        try {
+          WriteBatch(c, sink);
+        } catch (...) {
+          std::lock_guard<std::mutex> lock(mutex_);
+          if (!write_error_ || c.index < failed_write_) {
+            write_error_ = std::current_exception();
+            failed_write_ = c.index;
           }
+          stop_ = true;
         }
-      } catch (...) {
-        std::lock_guard<std::mutex> lock(mutex_);
-        write_error_ = std::current_exception();
-        stop_ = true;
       }
       {
         std::lock_guard<std::mutex> lock(mutex_);
         buffers_[c.where.fetcher][c.where.slot].busy = false;
       }
       wake_.notify_all();
+    }
+  }
+
+  void WriteBatch(const Checked &c, Sink sink) {
+    const YPartsBuffer &buffer = *buffers_[c.where.fetcher][c.where.slot].buffer;
+    for (const PartPtr &part : batches_[c.index].parts) {
+      size_t size = 0;
+      const unsigned char *bytes = buffer.Find(part->fingerprint, size);
+      if (sink == Sink::kDisk) writer_.WriteDirect(bytes, size, part->offset);
+      else writer_.WriteCached(bytes, size, part->offset);
     }
   }
 
@@ -344,7 +375,8 @@ class Pipeline {
   size_t next_ = 0;                  // the next batch a fetcher takes
   std::map<size_t, Fetched> fetched_;  // fetched, not yet taken by the calling thread
   std::deque<Checked> to_write_;     // checked, in file order
-  std::exception_ptr write_error_;
+  std::exception_ptr write_error_;  // of the earliest batch whose write failed...
+  size_t failed_write_ = 0;          // ...which is this one
   bool stop_ = false;
 };
 

@@ -4,11 +4,13 @@
 // checks each part against its fingerprint and size before it is written.
 //
 // The work runs as a pipeline: one fetching thread per connection keeps
-// batches coming (three per connection at most, in buffers kept for the whole
+// batches coming (two per connection at most, in buffers kept for the whole
 // download), the calling thread checks them in file order, several at once,
-// and a writer thread puts them into the file. The file always holds a prefix
-// of the checked parts: a failure leaves nothing after a part that did not
-// arrive or did not match.
+// and two writer threads put them into the file: one straight to the disk,
+// one through the page cache, each taking the next batch when it is free, so
+// a slow disk and a costly page cache share the load. The file always holds a
+// prefix of the checked parts: a failure leaves nothing after a part that did
+// not arrive, did not match or could not be written (a full disk).
 //
 // Thread-safety: one Download at a time per object; each connection is used
 // by one thread only.
@@ -33,12 +35,14 @@ class YPartDownloader {
   // Writes every part of `entry` (a file entry listed with all its parts) in
   // file order to `fd` from offset 0, with positional writes. Whole pages go
   // to the disk directly (O_DIRECT through a second descriptor of the same
-  // file) where the file system allows it. Raises 162 when the listed parts
+  // file) where the file system allows it, or through the page cache, as the
+  // writers are free. Raises 162 when the listed parts
   // do not add up to the entry's size or the cloud lacks one, 169 for a part
   // whose bytes do not match, 65 when `cancelled` says so, the OS error of a
   // failed write (ENOSPC for a full disk). `progress` is called before each
   // batch is written. Neither syncs nor closes `fd`; on failure the file
-  // holds the parts before the first one that failed.
+  // holds the parts before the first one that failed, and is cut there when a
+  // write failed.
   void Download(const MetadataInfo &entry, int fd, const TransferProgressFn &progress = {},
                 const TransferCancelFn &cancelled = {});
 

@@ -33,12 +33,13 @@ constexpr const char* kFile = "ui/console/ZarnuCmd/Verbs/Cloud/YCloudVerbModule"
 constexpr unsigned int kLogType = 198;
 
 constexpr uint32_t kListAllParts = 0x40000000;
-// Requests on their way at once. A download keeps three (one being answered
-// while another is sent and a third is checked). An upload keeps four: the
-// cloud stores their batches side by side, so its disk waits overlap, while
-// the memory stays at three batch buffers (the uploader's own bound), under
-// 32 MiB for the whole transfer.
-constexpr size_t kDownloadConnections = 3;
+// Requests on their way at once. A download keeps five: each 1 MiB batch
+// waits on the cloud's disk read, so five keep that disk busy while earlier
+// batches are checked and written (two buffers each, ten in all). An upload
+// keeps four: the cloud stores their batches side by side, so its disk waits
+// overlap, while the memory stays at three batch buffers (the uploader's own
+// bound). Either way the whole transfer stays under 32 MiB.
+constexpr size_t kDownloadConnections = 5;
 constexpr size_t kUploadConnections = 4;
 
 using CloudSync::PartList;

@@ -4,21 +4,19 @@
 // - The calling thread takes batches strictly in index order (with the ones
 //   right after them that are already there, so their fingerprints are
 //   computed together), checks them and queues them for writing in order.
-// - Two writers take queued batches oldest first, one straight to the disk,
-//   one through the page cache; each gives a buffer back to its fetcher once
+// - One writer takes queued batches in order, straight to the disk where the
+//   file system allows it, and gives each buffer back to its fetcher once
 //   written, so a fetcher never refills a buffer still in use.
 // - The first failure (fetch, check, write, cancel) sets `stop`; nothing
 //   after the failing batch is queued. Every batch before it is written; when
-//   a write failed, nothing after it is written or kept (a batch the other
-//   writer had already finished is cut off), then the failure is raised on the
-//   calling thread.
+//   a write failed, the file is cut back to the batches before it (no part
+//   half written is kept), then the failure is raised on the calling thread.
 #include "CloudSync/Transfer/YPartDownloader.h"
 
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <condition_variable>
 #include <deque>
@@ -79,12 +77,11 @@ std::vector<Batch> CutBatches(const MetadataInfo &entry) {
   return batches;
 }
 
-// Writes parts at their offsets, by either of two ways. WriteDirect sends
-// whole, page-aligned pages through a second, O_DIRECT descriptor of the same
-// file: they reach the disk without filling the page cache. WriteCached (and
-// WriteDirect for anything else, or on a file system that refuses O_DIRECT)
-// goes through `fd` and the page cache. Which way is faster depends on the
-// machine: a slow disk favours the cache, costly fresh cache pages the disk.
+// Writes parts at their offsets. Whole, page-aligned pages go through a
+// second, O_DIRECT descriptor of the same file: they reach the disk without
+// filling the page cache, whose fresh pages cost more than the disk write on
+// many machines. Anything else, or everything on a file system that refuses
+// O_DIRECT, goes through `fd` and the page cache.
 class PartWriter {
  public:
   explicit PartWriter(int fd) : fd_(fd) {
@@ -97,21 +94,14 @@ class PartWriter {
   PartWriter(const PartWriter &) = delete;
   PartWriter &operator=(const PartWriter &) = delete;
 
-  // Whether WriteDirect can still bypass the page cache.
-  bool HasDirect() const { return direct_.load() >= 0; }
-
-  void WriteDirect(const unsigned char *bytes, size_t size, uint64_t offset) {
-    const int direct = direct_.load();
-    if (direct >= 0 && Aligned(bytes, size, offset)) {
-      if (WriteAll(direct, bytes, size, offset)) return;
+  void Write(const unsigned char *bytes, size_t size, uint64_t offset) {
+    if (direct_ >= 0 && Aligned(bytes, size, offset)) {
+      if (WriteAll(direct_, bytes, size, offset)) return;
       if (errno != EINVAL) Fail();
       // The file system wants other alignments: stay with the page cache.
-      if (direct_.exchange(-1) == direct) ::close(direct);
+      ::close(direct_);
+      direct_ = -1;
     }
-    WriteCached(bytes, size, offset);
-  }
-
-  void WriteCached(const unsigned char *bytes, size_t size, uint64_t offset) {
     if (!WriteAll(fd_, bytes, size, offset)) Fail();
   }
 
@@ -140,7 +130,7 @@ class PartWriter {
   }
 
   int fd_;
-  std::atomic<int> direct_{-1};
+  int direct_ = -1;
 };
 
 // One fetched batch: where its bytes are, or why there are none.
@@ -164,8 +154,7 @@ class Pipeline {
       for (auto &slot : slots) slot.buffer = std::make_unique<YPartsBuffer>();
     std::vector<std::thread> threads;
     for (size_t i = 0; i < fetchers; ++i) threads.emplace_back([this, i, &connections] { Fetch(i, *connections[i]); });
-    threads.emplace_back([this] { Write(Sink::kDisk); });
-    if (writer_.HasDirect()) threads.emplace_back([this] { Write(Sink::kPageCache); });
+    threads.emplace_back([this] { Write(); });
     std::exception_ptr failure;
     try {
       Check(progress, cancelled);
@@ -178,7 +167,7 @@ class Pipeline {
     }
     wake_.notify_all();
     for (std::thread &t : threads) t.join();
-    if (write_error_) writer_.CutAt(batches_[failed_write_].offset);  // a later batch may be in
+    if (write_error_) writer_.CutAt(batches_[failed_write_].offset);  // part of it may be in
     if (failure) std::rethrow_exception(failure);
     if (write_error_) std::rethrow_exception(write_error_);
   }
@@ -193,7 +182,6 @@ class Pipeline {
     size_t index;
     Fetched where;
   };
-  enum class Sink { kDisk, kPageCache };
 
   void Fetch(size_t fetcher, YCloudApi &api) {
     while (true) {
@@ -317,10 +305,9 @@ class Pipeline {
     }
   }
 
-  // A writer thread: takes the oldest checked batch, writes it the sink's way,
-  // then frees its buffer. Two of them share the batches, whichever is free
-  // taking the next, so the disk and the page cache each take what they can.
-  void Write(Sink sink) {
+  // The writer thread: takes checked batches in order, writes each, then frees
+  // its buffer; after a failed write it only gives buffers back.
+  void Write() {
     while (true) {
       Checked c;
       bool failed_before = false;  // then the batch is given back unwritten
@@ -334,13 +321,11 @@ class Pipeline {
       }
       if (!failed_before) {
         try {
-          WriteBatch(c, sink);
+          WriteBatch(c);
         } catch (...) {
           std::lock_guard<std::mutex> lock(mutex_);
-          if (!write_error_ || c.index < failed_write_) {
-            write_error_ = std::current_exception();
-            failed_write_ = c.index;
-          }
+          write_error_ = std::current_exception();
+          failed_write_ = c.index;
           stop_ = true;
         }
       }
@@ -352,13 +337,12 @@ class Pipeline {
     }
   }
 
-  void WriteBatch(const Checked &c, Sink sink) {
+  void WriteBatch(const Checked &c) {
     const YPartsBuffer &buffer = *buffers_[c.where.fetcher][c.where.slot].buffer;
     for (const PartPtr &part : batches_[c.index].parts) {
       size_t size = 0;
       const unsigned char *bytes = buffer.Find(part->fingerprint, size);
-      if (sink == Sink::kDisk) writer_.WriteDirect(bytes, size, part->offset);
-      else writer_.WriteCached(bytes, size, part->offset);
+      writer_.Write(bytes, size, part->offset);
     }
   }
 
@@ -375,7 +359,7 @@ class Pipeline {
   size_t next_ = 0;                  // the next batch a fetcher takes
   std::map<size_t, Fetched> fetched_;  // fetched, not yet taken by the calling thread
   std::deque<Checked> to_write_;     // checked, in file order
-  std::exception_ptr write_error_;  // of the earliest batch whose write failed...
+  std::exception_ptr write_error_;  // of the batch whose write failed...
   size_t failed_write_ = 0;          // ...which is this one
   bool stop_ = false;
 };

@@ -6,9 +6,8 @@
 // The work runs as a pipeline: one fetching thread per connection keeps
 // batches coming (two per connection at most, in buffers kept for the whole
 // download), the calling thread checks them in file order, several at once,
-// and two writer threads put them into the file: one straight to the disk,
-// one through the page cache, each taking the next batch when it is free, so
-// a slow disk and a costly page cache share the load. The file always holds a
+// and one writer thread puts them into the file in order, straight to the
+// disk where the file system allows it. The file always holds a
 // prefix of the checked parts: a failure leaves nothing after a part that did
 // not arrive, did not match or could not be written (a full disk).
 //
@@ -35,8 +34,8 @@ class YPartDownloader {
   // Writes every part of `entry` (a file entry listed with all its parts) in
   // file order to `fd` from offset 0, with positional writes. Whole pages go
   // to the disk directly (O_DIRECT through a second descriptor of the same
-  // file) where the file system allows it, or through the page cache, as the
-  // writers are free. Raises 162 when the listed parts
+  // file) where the file system allows it, the rest through the page cache.
+  // Raises 162 when the listed parts
   // do not add up to the entry's size or the cloud lacks one, 169 for a part
   // whose bytes do not match, 65 when `cancelled` says so, the OS error of a
   // failed write (ENOSPC for a full disk). `progress` is called before each

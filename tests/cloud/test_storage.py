@@ -5,13 +5,13 @@ collected, and a full disk answers its own code with nothing half-stored."""
 
 import os
 import sqlite3
-import subprocess
 import time
 
 import pytest
 
 from cloudclient import CloudError, fingerprint
 from cloudservice import CloudProcess, add_user, run_cloud
+from small_disk import small_tmpfs
 
 PASSWORD = "correct horse"
 DAY = 24 * 3600
@@ -149,16 +149,8 @@ def test_unused_parts_are_collected_when_the_service_starts(cloud_factory, tmp_p
 @pytest.fixture
 def small_disk(tmp_path):
     """A 4 MiB tmpfs for the data folder."""
-    if os.geteuid() != 0:
-        pytest.skip("mounting a small tmpfs needs root")
-    mount_point = tmp_path / "small"
-    mount_point.mkdir()
-    done = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=4m", "tmpfs", str(mount_point)],
-                          capture_output=True, text=True)
-    if done.returncode != 0:
-        pytest.skip("cannot mount a tmpfs here: " + done.stderr.strip())
-    yield mount_point
-    subprocess.run(["umount", "-l", str(mount_point)], check=False)
+    with small_tmpfs(tmp_path / "small", "4m") as mount_point:
+        yield mount_point
 
 
 def test_full_disk_answers_its_own_code_and_stores_nothing_half(small_disk):

@@ -11,6 +11,7 @@ import pytest
 
 from agent_support import bin_dir
 from conftest import PASSWORD, USER, cloud_tree, eventually, local_tree, write
+from small_disk import small_tmpfs
 
 ROUNDS = int(os.environ.get("ZARNU_CRASH_ROUNDS", "100"))
 
@@ -94,16 +95,8 @@ def test_sigkill_while_syncing_both_ways_loses_nothing(make_agent, client):
 @pytest.fixture
 def small_root(tmp_path):
     """A 3 MiB tmpfs mounted where the agent's root folder will be."""
-    if os.geteuid() != 0:
-        pytest.skip("mounting a small tmpfs needs root")
-    mount_point = tmp_path / "small"
-    mount_point.mkdir()
-    done = subprocess.run(["mount", "-t", "tmpfs", "-o", "size=3m", "tmpfs", str(mount_point)],
-                          capture_output=True, text=True)
-    if done.returncode != 0:
-        pytest.skip("cannot mount a tmpfs here: " + done.stderr.strip())
-    yield mount_point
-    subprocess.run(["umount", "-l", str(mount_point)], check=False)
+    with small_tmpfs(tmp_path / "small", "3m") as mount_point:
+        yield mount_point
 
 
 def test_full_disk_reports_error_and_keeps_going(make_agent, client, small_root, tmp_path):

@@ -310,16 +310,15 @@ class Pipeline {
   void Write() {
     while (true) {
       Checked c;
-      bool failed_before = false;  // then the batch is given back unwritten
       {
         std::unique_lock<std::mutex> lock(mutex_);
         wake_.wait(lock, [&] { return stop_ || !to_write_.empty(); });
         if (to_write_.empty()) return;  // stopped, and nothing left to write
         c = to_write_.front();
         to_write_.pop_front();
-        failed_before = write_error_ != nullptr;
       }
-      if (!failed_before) {
+      // Only this thread sets write_error_; after it, batches go back unwritten.
+      if (!write_error_) {
         try {
           WriteBatch(c);
         } catch (...) {

@@ -600,8 +600,9 @@ public:
     }
 
     // Sends the files with sendfile(2): from the page cache to the socket without a copy
-    // through the service (parts already read into memory are sent from there). Waits for room in the socket without holding a thread, for
-    // at most the write stall time-out each time.
+    // through the service (parts already read into memory are sent from there). Waits
+    // for room in the socket without holding a thread, for at most the write stall
+    // time-out each time.
     void sendSlices(const std::shared_ptr<SliceSending>& st) {
         auto& socket = stream_.socket();
         beast::error_code ec;

@@ -88,60 +88,6 @@ TEST(QelErrorRegistry, FirstRegistrationWins) {
   EXPECT_EQ(qel_err_register(nullptr), 0);
 }
 
-TEST(QelErrorRegistry, AgentTable) {
-  const _tagQEL_CCODE_MAP* table = CloudSync::GetErrorCodeTable();
-  size_t rows = 0, count161 = 0, index166 = 0, index167 = 0, index168 = 0;
-  for (; table[rows].code != 0; ++rows) {
-    const _tagQEL_CCODE_MAP& r = table[rows];
-    ASSERT_NE(r.description, nullptr);
-    EXPECT_NE(r.code, 192u);
-    EXPECT_TRUE(r.code >= 161 && r.code <= 229) << r.code;
-    EXPECT_EQ(r.flag, r.code == 229 ? 0 : -1) << r.code;
-    count161 += r.code == 161;
-    if (r.code == 166) index166 = rows;
-    if (r.code == 167) index167 = rows;
-    if (r.code == 168) index168 = rows;
-  }
-  EXPECT_EQ(rows, 69u);
-  EXPECT_EQ(table[rows].description, nullptr);
-  EXPECT_EQ(table[rows].flag, 0);
-  EXPECT_EQ(table[rows - 1].code, 229u);
-  EXPECT_EQ(count161, 2u);
-  EXPECT_LT(index167, index166);
-  EXPECT_EQ(table[index168 - 1].code, 223u);
-
-  CloudSync::RegisterErrorCodes();
-  CloudSync::RegisterErrorCodes();
-  EXPECT_EQ(qel_err_register(table), 0);  // every row went in with the first call
-  EXPECT_STREQ(qel_err_lookup(161), "Failed to parse cloud response");
-  EXPECT_STREQ(qel_err_lookup(176), "The share path no longere exists");
-  EXPECT_EQ(qel_err_lookup(192), nullptr);
-  EXPECT_EQ(Make(191, "").GetSummary(), "Incorrect username or password (error 191)");
-}
-
-TEST(QelLog, AgentLogTypes) {
-  CloudSync::RegisterLogTypes();
-  CloudSync::RegisterLogTypes();
-  Qel::Log::YLog& log = Qel::Log::GetGlobalLogger();
-  unsigned int n = 0;
-  ASSERT_TRUE(log.FindLogType("CSM_CMOUNT", n));
-  EXPECT_EQ(n, 221u);
-  ASSERT_TRUE(log.FindLogType("CSM", n));
-  EXPECT_EQ(n, 200u);
-  EXPECT_FALSE(log.FindLogType("csm", n));
-  EXPECT_EQ(log.GetLogTypeName(207), "CSM_OVA");
-  EXPECT_EQ(log.GetLogTypeName(4242), "4242");
-  size_t agent_types = 0;
-  unsigned int expected = 200;
-  for (const auto& [name, number] : log.GetLogTypes()) {
-    if (number < 200 || number > 221) continue;
-    EXPECT_EQ(number, expected++);
-    EXPECT_TRUE(name.StartsWith("CSM")) << name;
-    ++agent_types;
-  }
-  EXPECT_EQ(agent_types, 22u);
-}
-
 TEST(QelLog, EnableRule) {
   Qel::Log::YLog log;
   EXPECT_FALSE(log.IsEnabled(15));

@@ -11,7 +11,7 @@ import time
 from conftest import ADDRESS, BANNER, DISCOVERY_ON, env_for
 from agent_support import AgentProcess, CloudProcess, add_user, bin_dir
 
-# What the issue asks of discovery: an agent present shows up within two seconds.
+# An agent present shows up within two seconds.
 ARRIVAL = 2.0
 # An agent killed without a goodbye is forgotten after about 3.5 s of silence.
 SILENT_LEAVE = 8.0

@@ -244,33 +244,4 @@ TEST_F(CloudApiService, RefusalsCarryTheServiceCodes) {
   EXPECT_EQ(fresh.Login(api_->GetToken()).usernames, std::vector<Qel::YString>{"parts"});
 }
 
-TEST_F(CloudApiService, PagesCarryTheFolderAtTheirHead) {
-  // A tree walk takes the first entry of every page as the listed folder
-  // itself; a wild-card listing has no head and lists every match once.
-  for (const char* name : {"/pages/a", "/pages/b", "/pages/c", "/pages/d", "/pages/e"}) api_->CreateDirectory(name);
-  for (const char* path : {"/pages", "/pages/*"}) {
-    const bool plain = std::string(path) == "/pages";
-    YCloudApi::ListParam param;
-    param.path = path;
-    param.pageSize = 2;
-    std::vector<std::string> children;
-    size_t pages = 0;
-    for (;; ++pages) {
-      YCloudApi::ListResult page = api_->ListPath(param);
-      auto entry = page.entries.begin();
-      if (plain) {
-        ASSERT_NE(entry, page.entries.end());
-        EXPECT_EQ((*entry)->path, "/pages");
-        ++entry;
-      }
-      for (; entry != page.entries.end(); ++entry) children.push_back((*entry)->path);
-      if (!page.more) break;
-      param.cursor = page.cursor;
-    }
-    EXPECT_EQ(children, (std::vector<std::string>{"/pages/a", "/pages/b", "/pages/c", "/pages/d", "/pages/e"}))
-        << path;
-    EXPECT_GE(pages, 2u);
-  }
-}
-
 }  // namespace

@@ -232,23 +232,6 @@ TEST_F(SessionTest, TimeoutsAndLostPeersFailRequestsWithoutHanging) {
             Qel::IO::kNoSession);
 }
 
-TEST_F(SessionTest, GarbageEndsOnlyTheSessionThatSentIt) {
-  Listen();
-  auto good = Connect();
-  // A raw client announces a 4 GiB frame.
-  int fd = ::socket(AF_UNIX, SOCK_STREAM, 0);
-  sockaddr_un addr{};
-  addr.sun_family = AF_UNIX;
-  std::strncpy(addr.sun_path, path_.c_str(), sizeof addr.sun_path - 1);
-  ASSERT_EQ(::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr), 0);
-  const std::string header = Header(0xFFFFFFFFu, 2);
-  ASSERT_EQ(::write(fd, header.data(), header.size()), static_cast<ssize_t>(header.size()));
-  char byte;
-  EXPECT_EQ(::read(fd, &byte, 1), 0) << "the agent side closes the session";
-  ::close(fd);
-  EXPECT_TRUE(good->ProcessRequest(YCommand::CreateRequest("echo"), Time::YDuration::Seconds(3)) != nullptr);
-}
-
 TEST(ConnectTest, RefusedAndMissingAddressesReportTheirError) {
   Qel::IO::YService service;
   service.Initialize(1);

@@ -219,18 +219,6 @@ TEST_F(QelJsonLog, FailuresAreLoggedUnderTheCallersType) {
   EXPECT_THAT(got[3], HasSubstr("Required field missing gone (error 56)"));
 }
 
-TEST_F(QelJsonLog, TypesFrom500AreNeverLogged) {
-  log().EnableAll(true);
-  YObject o = ParseObject(R"({"o":{},"s":"x","n":1})");
-  ExpectFieldError(Raised([&] { o.Get<unsigned long long>("o", 500); }), 500, kNumberLabel,
-                   "Field was not of json-type Number or String o");
-  ExpectFieldError(Raised([&] { o.Get<Bytes>("n", 4000); }), 4000, kBytesLabel, "Field was not of String n");
-  ExpectFieldError(Raised([&] { o.Get<YObject>("x", 500); }), 500, kObjectLabel, "Required field missing x");
-  EXPECT_EQ(Contents(), "");
-  EXPECT_THROW(o.Get<YString>("x", 499), YError);
-  EXPECT_THAT(Contents(), HasSubstr("Failed to find field x"));
-}
-
 TEST(QelJsonParse, RoundTripKeepsValuesExact) {
   const YString text =
       R"({"a":[1,-2,1.5,true,false,null],"big":9007199254740993,"max":18446744073709551615,)"

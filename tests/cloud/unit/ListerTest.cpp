@@ -49,25 +49,6 @@ TEST_F(Lister_, FolderHeadsEveryPageAndPagesCountChildren) {
     EXPECT_FALSE(exact.more);  // exactly one page: no empty second page
 }
 
-TEST_F(Lister_, RecursionIsDepthFirstInNameOrder) {
-    file("/a b");
-    file("/a/y");
-    file("/a/x/z");
-    file("/b");
-    ListRequest r;
-    r.path = "/";
-    r.recurse = true;
-    EXPECT_EQ(paths(list(r)), (std::vector<std::string>{"/", "/a", "/a/x", "/a/x/z", "/a/y", "/a b", "/b"}));
-    r.recurse = false;
-    EXPECT_EQ(paths(list(r)), (std::vector<std::string>{"/", "/a", "/a b", "/b"}));
-    r.path = "/a/x/z";
-    EXPECT_EQ(paths(list(r)), (std::vector<std::string>{"/a/x/z"}));
-    r.path = "/missing/deeper";
-    ListPage none = list(r);
-    EXPECT_TRUE(none.entries.empty());
-    EXPECT_FALSE(none.more);
-}
-
 TEST_F(Lister_, WildCardsExpandPerComponentAndPage) {
     file("/docs1/f1.txt");
     file("/docs1/f22.txt");
@@ -107,23 +88,6 @@ TEST_F(Lister_, FilterMatchesWholeNamesWithoutAHead) {
     r.filter = ".*";
     r.path = "/p/*";
     EXPECT_THROW(list(r), ApiError);
-}
-
-TEST_F(Lister_, DeletedEntriesOnlyWhenAsked) {
-    file("/k/keep");
-    file("/k/gone/inner");
-    store->softDelete(alice, key("/k/gone"), 3000);
-    ListRequest r;
-    r.path = "/k";
-    r.recurse = true;
-    EXPECT_EQ(paths(list(r)), (std::vector<std::string>{"/k", "/k/keep"}));
-    r.includeDeleted = true;
-    ListPage all = list(r);
-    EXPECT_EQ(paths(all), (std::vector<std::string>{"/k", "/k/gone", "/k/gone/inner", "/k/keep"}));
-    EXPECT_EQ(all.entries[1].entry.deleted, 3000);
-    r.path = "/k/gone";
-    r.includeDeleted = false;
-    EXPECT_TRUE(list(r).entries.empty());
 }
 
 TEST_F(Lister_, PartsAreListedUpToTheLimit) {

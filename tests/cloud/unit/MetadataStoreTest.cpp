@@ -64,30 +64,6 @@ TEST_F(MetadataStore_, FilesAndFoldersDoNotOverlap) {
     EXPECT_EQ(store->entryByKey(alice, "")->contained, 2u);
 }
 
-TEST_F(MetadataStore_, DeleteAndUndeleteTravelTogether) {
-    file("/d/early");
-    file("/d/sub/late");
-    ASSERT_EQ(store->softDelete(alice, key("/d/early"), 5000).count, 1u);
-    auto del = store->softDelete(alice, key("/d"), 6000);
-    EXPECT_EQ(del.count, 3u);  // /d, /d/sub, /d/sub/late
-    EXPECT_EQ(del.entry.deleted, 6000);
-    EXPECT_EQ(errorCode([&] { store->softDelete(alice, key("/d"), 7000); }), 174);
-    EXPECT_EQ(errorCode([&] { store->softDelete(alice, key("/nothing"), 7000); }), 174);
-    EXPECT_EQ(errorCode([&] { store->undelete(alice, key("/d"), 1234); }), 174);  // wrong deleted state
-
-    auto back = store->undelete(alice, key("/d"), 6000);
-    EXPECT_EQ(back.count, 3u);
-    EXPECT_TRUE(store->entryByKey(alice, key("/d/sub/late"))->deleted == 0);
-    EXPECT_EQ(store->entryByKey(alice, key("/d/early"))->deleted, 5000);  // deleted on its own before
-
-    store->softDelete(alice, key("/d"), 8000);
-    auto child = store->undelete(alice, key("/d/early"), kLatestDeleted);
-    EXPECT_EQ(child.count, 2u);  // the file and its deleted parent
-    EXPECT_EQ(store->entryByKey(alice, key("/d"))->deleted, 0);
-    EXPECT_EQ(store->entryByKey(alice, key("/d/sub"))->deleted, 8000);
-    EXPECT_EQ(store->entryByKey(alice, key("/d"))->contained, 1u);
-}
-
 TEST_F(MetadataStore_, CreatingInADeletedFolderRevivesOnlyThePath) {
     file("/d/old");
     store->softDelete(alice, key("/d"), 5000);

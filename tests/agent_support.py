@@ -8,13 +8,11 @@ length, JSON, attachments) and answers the agent's own requests.
 import json
 import os
 import pathlib
-import selectors
 import signal
 import socket
 import struct
 import subprocess
 import sys
-import time
 
 REPO = pathlib.Path(__file__).resolve().parent.parent
 
@@ -25,6 +23,7 @@ def bin_dir() -> pathlib.Path:
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent / "cloud"))
 from cloudservice import CloudProcess, add_user  # noqa: E402,F401  (re-exported for the suites)
+from ready import NotReady, first_lines  # noqa: E402
 
 START_TIMEOUT = 30
 
@@ -58,24 +57,12 @@ class AgentProcess:
     def start(self, expected_lines=1):
         self.proc = subprocess.Popen([*self.prefix, str(bin_dir() / "ZarnuAgent"), *self.switches], env=self.env,
                                      stdout=subprocess.PIPE, stderr=subprocess.PIPE, stdin=subprocess.DEVNULL)
-        sel = selectors.DefaultSelector()
-        sel.register(self.proc.stdout, selectors.EVENT_READ)
-        deadline = time.monotonic() + START_TIMEOUT
-        buffer = b""
         try:
-            while buffer.count(b"\n") < expected_lines:
-                remaining = deadline - time.monotonic()
-                if remaining <= 0 or not sel.select(remaining):
-                    self.stop(signal.SIGKILL)
-                    raise AssertionError("ZarnuAgent did not print its listening line")
-                chunk = os.read(self.proc.stdout.fileno(), 4096)
-                if not chunk:
-                    code = self.proc.wait()
-                    raise AssertionError(f"ZarnuAgent exited with {code}: {self.proc.stderr.read().decode()}")
-                buffer += chunk
-        finally:
-            sel.close()
-        self.lines = buffer.decode().splitlines()
+            self.lines = first_lines(self.proc, expected_lines, START_TIMEOUT)
+        except NotReady as e:
+            why = f"ZarnuAgent {e}: " + (self.proc.stderr.read().decode() if e.exited else "")
+            self.stop(signal.SIGKILL)
+            raise AssertionError(why) from None
         assert all(line.startswith("listening on ") for line in self.lines), self.lines
         return self
 

@@ -5,14 +5,16 @@ repository root)."""
 
 import os
 import pathlib
-import selectors
 import signal
 import subprocess
-import time
+import sys
 
 import pytest
 
 from cloudclient import CloudClient
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
+from ready import NotReady, first_lines  # noqa: E402
 
 REPO_ROOT = pathlib.Path(__file__).resolve().parents[2]
 BIN_DIR = pathlib.Path(os.environ.get("ZARNU_BIN_DIR", REPO_ROOT / "build" / "release" / "bin"))
@@ -59,24 +61,12 @@ class CloudProcess:
         return self
 
     def _read_listening_line(self):
-        sel = selectors.DefaultSelector()
-        sel.register(self.proc.stdout, selectors.EVENT_READ)
-        deadline = time.monotonic() + START_TIMEOUT
-        line = b""
         try:
-            while not line.endswith(b"\n"):
-                remaining = deadline - time.monotonic()
-                if remaining <= 0 or not sel.select(remaining):
-                    self.kill()
-                    raise AssertionError("zarnu-cloud did not print its address: " + self.log())
-                chunk = os.read(self.proc.stdout.fileno(), 1)
-                if not chunk:
-                    self.proc.wait()
-                    raise AssertionError(f"zarnu-cloud exited with {self.proc.returncode}: " + self.log())
-                line += chunk
-        finally:
-            sel.close()
-        text = line.decode().strip()
+            (text,) = first_lines(self.proc, 1, START_TIMEOUT)
+        except NotReady as e:
+            if not e.exited:
+                self.kill()
+            raise AssertionError(f"zarnu-cloud {e}: " + self.log()) from None
         assert text.startswith("listening on "), text
         return text[len("listening on "):]
 

@@ -9,7 +9,6 @@ Skipped, naming the Debian packages, where the display server, the file manager,
 binding, ImageMagick (the screenshots) or xdotool (the clicks) are missing."""
 import glob
 import os
-import selectors
 import shutil
 import signal
 import subprocess
@@ -18,6 +17,7 @@ import pytest
 
 from agent_support import bin_dir
 from conftest import eventually, synced, write
+from ready import NotReady, first_lines
 
 SYNCED_BADGE_FILL = "#13a86b"  # the fill of emblem-zarnu-synced.svg, in no other part of the window
 TOOLS = {"Xvfb": "xvfb", "nautilus": "nautilus", "dbus-daemon": "dbus-daemon", "import": "imagemagick",
@@ -40,15 +40,10 @@ pytestmark = pytest.mark.skipif(bool(missing_packages()),
 
 def read_line(proc, fd, what):
     """The first line a started process writes to `fd` (it says it is ready)."""
-    line = b""
-    with selectors.DefaultSelector() as selector:
-        selector.register(fd, selectors.EVENT_READ)
-        while not line.endswith(b"\n"):
-            assert selector.select(30), f"{what} did not start"
-            chunk = os.read(fd, 256)
-            assert chunk, f"{what} exited with {proc.wait()}"
-            line += chunk
-    return line.decode().strip()
+    try:
+        return first_lines(proc, 1, 30, fd)[0].strip()
+    except NotReady as e:
+        raise AssertionError(f"{what} {e}") from None
 
 
 def started(args, what, **kwargs):

@@ -14,16 +14,15 @@ import glob
 import os
 import pathlib
 import re
-import selectors
 import shlex
 import shutil
 import signal
 import subprocess
-import time
 
 import pytest
 
 from conftest import bin_dir
+from ready import NotReady, first_lines
 
 BUILD = bin_dir().parent
 CACHE = BUILD / "package-test"
@@ -245,19 +244,7 @@ def start(installed, script):
 
 def read_line(proc):
     """The first line the process prints, waiting at most START_TIMEOUT for it."""
-    sel = selectors.DefaultSelector()
-    sel.register(proc.stdout, selectors.EVENT_READ)
-    buffer = b""
-    deadline = time.monotonic() + START_TIMEOUT
     try:
-        while b"\n" not in buffer:
-            remaining = deadline - time.monotonic()
-            if remaining <= 0 or not sel.select(remaining):
-                raise AssertionError("the program printed no line")
-            chunk = os.read(proc.stdout.fileno(), 4096)
-            if not chunk:
-                raise AssertionError(f"the program exited with {proc.wait()}: {proc.stderr.read().decode()}")
-            buffer += chunk
-    finally:
-        sel.close()
-    return buffer.decode().split("\n")[0]
+        return first_lines(proc, 1, START_TIMEOUT)[0]
+    except NotReady as e:
+        raise AssertionError(f"the program {e}: " + (proc.stderr.read().decode() if e.exited else "")) from None

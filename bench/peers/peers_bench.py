@@ -5,7 +5,8 @@ repository), on the same random file, in one run.
 Each run starts from nothing: a new zarnu-cloud data folder and account, a new rclone
 server folder, a new restic repository. Figures are medians over the runs; peak memory
 is the highest of the runs (GNU time's %M). The single-core MD5+SHA-1 rate is measured
-before and after, for scale.
+before and after, and the disk's own time for a get's reads and writes in every run, for
+scale.
 """
 import argparse
 import os
@@ -16,6 +17,7 @@ import statistics
 import subprocess
 import sys
 import tempfile
+import time
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
 from benchlib import (MIB, add_user, get_json, hash_rate, operator_token, random_file, same_bytes,  # noqa: E402
@@ -28,6 +30,25 @@ def timed(cmd, env=None):
     of what an earlier command left in the page cache (the page cache itself is kept)."""
     os.sync()
     return timed_alone(cmd, env)
+
+
+def disk_side_by_side(src, folder):
+    """Seconds the disk takes to read `src` and write as many new bytes at the same time,
+    both past the page cache: what a get costs the disk when the service's parts are not
+    in memory (it reads them while the client writes the file)."""
+    out = folder / "disk-write.bin"
+    count = str(src.stat().st_size // MIB)
+    os.sync()
+    start = time.monotonic()
+    procs = [subprocess.Popen(["dd", f"if={src}", "of=/dev/null", "bs=1M", "iflag=direct"],
+                              stderr=subprocess.DEVNULL),
+             subprocess.Popen(["dd", "if=/dev/zero", f"of={out}", "bs=1M", f"count={count}", "oflag=direct"],
+                              stderr=subprocess.DEVNULL)]
+    if any([p.wait() != 0 for p in procs]):
+        sys.exit("dd could not read and write past the page cache here")
+    seconds = time.monotonic() - start
+    out.unlink()
+    return seconds, 0
 
 
 def start_rclone_webdav(folder, env):
@@ -85,6 +106,7 @@ def one_run(args, work, src, env):
             out["zarnucmd put again"] = timed(cmd + ["put", str(src), "/bench"] + creds, zenv)
             after = get_json(address + "api/v1/stats", token=operator_token(data))
             out["zarnucmd get"] = timed(cmd + ["get", "/bench/" + src.name, str(back)] + creds, zenv)
+            out["disk read + write"] = disk_side_by_side(src, run)
         finally:
             stop(cloud)
         if not same_bytes(src, back):
@@ -147,6 +169,8 @@ def main():
         print(f"{label:<36} {ratio:5.2f}  (goal at most {goal:.1f}) {'met' if ok else 'MISSED'}")
         if not ok:
             failures.append(label)
+    print(f"{'get / disk read + write':<36} {median['zarnucmd get'] / median['disk read + write']:5.2f}  "
+          "(for scale: the disk alone, when the parts are not in memory)")
     print(f"{'part bytes sent by put again':<36} {max(again_sent)}  (goal 0) {'met' if max(again_sent) == 0 else 'MISSED'}")
     if max(again_sent) != 0:
         failures.append("put again sent part bytes")

@@ -4,7 +4,6 @@ import os
 import pathlib
 import shutil
 import signal
-import socket
 import sqlite3
 import stat
 import struct
@@ -67,6 +66,7 @@ GARBAGE = {
     "a 4 GiB frame": b"ZOV1" + struct.pack(">II", 0xFFFFFFFF, 2),
     "JSON length past the body": b"ZOV1" + struct.pack(">II", 6, 99) + b"{}",
     "a JSON array": b"ZOV1" + struct.pack(">II", 7, 3) + b"[1]",
+    "an attachment past the body": b"ZOV1" + struct.pack(">II", 11, 2) + b"{}" + struct.pack(">I", 9) + b"xyz",
     "not JSON": b"ZOV1" + struct.pack(">II", 8, 4) + b"{{{{",
 }
 

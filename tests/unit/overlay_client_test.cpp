@@ -295,7 +295,7 @@ TEST(MenuModelTest, MenusTravelWithTheirImagesAndNestedOrder) {
   item->avatar = std::make_shared<OverlayClient::ImageItem>();
   const unsigned char png[] = {0x89, 'P', 'N', 'G', 0, 1, 2};
   item->avatar->data.Assign(png, sizeof png);
-  item->avatar->mimeType = "image/png";
+  item->avatar->mimeType = "BinaryIndex-0 is text";  // beside an attachment, named like one, still text
   item->avatar->width = item->avatar->height = 16;
   for (const char* title : {"first", "second"}) {
     auto sub = std::make_shared<OverlayClient::MenuItem>();
@@ -323,9 +323,11 @@ TEST(MenuModelTest, MenusTravelWithTheirImagesAndNestedOrder) {
   EXPECT_EQ(read.preview, nullptr);
   ASSERT_EQ(read.avatar->data.GetCount(), sizeof png);
   EXPECT_EQ(0, std::memcmp(read.avatar->data.Get(), png, sizeof png));
+  EXPECT_EQ(read.avatar->mimeType, "BinaryIndex-0 is text");
   ASSERT_EQ(read.subMenus.size(), 2u);
   EXPECT_EQ(read.subMenus[1]->title, "second");
   EXPECT_EQ(read.subMenus[1]->subMenus.size(), 1u);
+  EXPECT_EQ(read.subMenus[1]->commandArg.data.GetCount(), 0u);  // an empty attachment
 
   YObject bare = item->subMenus[0]->Write();
   bare.GetMembers().erase("sub_menus");

@@ -21,6 +21,7 @@ def test_folders_and_files_keep_their_places(new_account):
     for op, fields, code in [("folders/create", {"path": "/a/f.txt"}, 172),
                              ("folders/create", {"path": "/a/f.txt/x"}, 172),
                              ("files/create", {"path": "/a/b", "parts": []}, 181),
+                             ("files/create", {"path": "/", "parts": []}, 181),
                              ("files/create", {"path": "/a/f.txt/y", "parts": []}, 172),
                              ("delete", {"path": "/a/missing"}, 174)]:
         with pytest.raises(CloudError) as e:

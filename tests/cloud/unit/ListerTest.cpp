@@ -19,34 +19,19 @@ protected:
 
 }  // namespace
 
-TEST_F(Lister_, FolderHeadsEveryPageAndPagesCountChildren) {
+// The head on every page and the children across pages are checked through the service
+// (test_listing); here, the page boundary.
+TEST_F(Lister_, AFolderThatFillsOnePageExactlyHasNoSecondPage) {
     for (int i = 0; i < 7; ++i) file("/d/f" + std::to_string(i));
     ListRequest r;
-    r.path = "/d";
-    r.pageSize = 3;
-    std::vector<std::string> children;
-    int pages = 0;
-    do {
-        ListPage page = list(r);
-        ++pages;
-        ASSERT_FALSE(page.entries.empty());
-        EXPECT_EQ(CloudPath::pathOfKey(page.entries[0].entry.key), "/d");
-        EXPECT_EQ(page.entries[0].entry.contained, 7u);
-        EXPECT_LE(page.entries.size(), 4u);
-        for (std::size_t i = 1; i < page.entries.size(); ++i)
-            children.push_back(CloudPath::pathOfKey(page.entries[i].entry.key));
-        EXPECT_EQ(page.more, !page.cursor.empty());
-        r.cursor = page.cursor;
-    } while (!r.cursor.empty());
-    EXPECT_EQ(pages, 3);
-    EXPECT_EQ(children, (std::vector<std::string>{"/d/f0", "/d/f1", "/d/f2", "/d/f3", "/d/f4", "/d/f5", "/d/f6"}));
-
-    r = {};
     r.path = "/d";
     r.pageSize = 7;
     ListPage exact = list(r);
     EXPECT_EQ(exact.entries.size(), 8u);
-    EXPECT_FALSE(exact.more);  // exactly one page: no empty second page
+    EXPECT_EQ(exact.entries[0].entry.contained, 7u);
+    EXPECT_FALSE(exact.more);
+    r.pageSize = 6;
+    EXPECT_TRUE(list(r).more);
 }
 
 TEST_F(Lister_, WildCardsExpandPerComponentAndPage) {
@@ -83,8 +68,6 @@ TEST_F(Lister_, FilterMatchesWholeNamesWithoutAHead) {
     EXPECT_EQ(paths(list(r)), (std::vector<std::string>{"/p/report.txt"}));
     r.recurse = true;
     EXPECT_EQ(paths(list(r)), (std::vector<std::string>{"/p/q/notes.txt", "/p/report.txt"}));
-    r.filter = "(";
-    EXPECT_THROW(list(r), ApiError);
     r.filter = ".*";
     r.path = "/p/*";
     EXPECT_THROW(list(r), ApiError);

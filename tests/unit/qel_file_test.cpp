@@ -88,7 +88,6 @@ TEST_F(QelFiles, CreatePathContentsAndInfo) {
   F::YFileInfo info;
   ASSERT_TRUE(F::GetFileInfo(Path("x/y"), info));
   EXPECT_EQ(info.attributes, F::kAttributeFolder);
-  EXPECT_EQ(F::kAttributeFolder, 16u);
   EXPECT_TRUE(info.IsFolder());
   EXPECT_FALSE(F::GetFileInfo(Path("missing"), info));
 

@@ -14,6 +14,7 @@
 #include "CloudSync/Transfer/YPartUploader.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,6 +28,7 @@
 #include <string_view>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "CloudSync/YCloudApi.h"
 #include "Qel/Crypto/YBbsHash.h"
@@ -45,13 +47,40 @@ constexpr size_t kUploadBuffers = 3;
 
 using Qel::YString;
 
+constexpr size_t kBatchBytes = kUploadBatchParts * kTransferPartSize;
+constexpr uint64_t kFolioBytes = 2 << 20;  // the largest folio of the page cache (x86-64)
+
 bool SameVersion(const struct stat &a, const struct stat &b) {
   return a.st_size == b.st_size && a.st_mtim.tv_sec == b.st_mtim.tv_sec && a.st_mtim.tv_nsec == b.st_mtim.tv_nsec;
 }
 
+// Which batches of the open file `fd` (of `size` bytes) the page cache holds
+// whole, one flag per batch; all false where the kernel does not say.
+std::vector<bool> CachedBatches(int fd, uint64_t size) {
+  std::vector<bool> cached((size + kBatchBytes - 1) / kBatchBytes, false);
+  if (size == 0) return cached;
+  void *map = ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);  // never touched: no page comes in
+  if (map == MAP_FAILED) return cached;
+  const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
+  std::vector<unsigned char> resident(kBatchBytes / page + 1);
+  for (size_t b = 0; b < cached.size(); ++b) {
+    const uint64_t start = b * kBatchBytes;
+    const size_t bytes = static_cast<size_t>(std::min<uint64_t>(kBatchBytes, size - start));
+    if (::mincore(static_cast<char *>(map) + start, bytes, resident.data()) != 0) break;
+    const auto end = resident.begin() + static_cast<std::ptrdiff_t>((bytes + page - 1) / page);
+    cached[b] = std::all_of(resident.begin(), end, [](unsigned char r) { return (r & 1) != 0; });
+  }
+  ::munmap(map, size);
+  return cached;
+}
+
 // One open file: reads parts by offset and refuses (184) once the file is no
 // longer the version it was when opened (another size or modification time,
-// or cut short).
+// or cut short). It leaves the page cache as it found it: a batch the cache
+// did not hold whole at the start is dropped from it once read, so the
+// kernel's read-ahead takes the pages just given back instead of fresh memory
+// (which costs more than the disk read on many machines), and a file that was
+// in the cache stays there.
 class PartSource {
  public:
   PartSource(const YString &path, const char *function) : path_(path), function_(function) {
@@ -62,12 +91,17 @@ class PartSource {
       ::close(fd_);
       QEL_RAISE_OS(kTransferLogType, err, path, kFile, function);
     }
+    cached_ = CachedBatches(fd_, Size());
   }
-  ~PartSource() { ::close(fd_); }
+  ~PartSource() {
+    DropIfNotCached(last_offset_, last_size_);
+    ::close(fd_);
+  }
   PartSource(const PartSource &) = delete;
   PartSource &operator=(const PartSource &) = delete;
 
   // Reads up to `size` bytes at `offset`; fewer only at the end of the file.
+  // REQUIRES: `offset` is a multiple of the batch size.
   size_t Read(unsigned char *into, size_t size, uint64_t offset) const {
     size_t done = 0;
     while (done < size) {
@@ -77,6 +111,11 @@ class PartSource {
       if (n == 0) break;
       done += static_cast<size_t>(n);
     }
+    // The batch before this one goes now, not this one: the dropped range
+    // reaches into the batch that follows, and by now that batch is read.
+    DropIfNotCached(last_offset_, last_size_);
+    last_offset_ = offset;
+    last_size_ = done;
     return done;
   }
 
@@ -92,16 +131,30 @@ class PartSource {
   uint64_t Size() const { return static_cast<uint64_t>(opened_.st_size); }
 
  private:
+  // Drops a batch that was not whole in the cache, widened to whole blocks of
+  // kFolioBytes: the kernel drops only the folios that lie wholly inside the
+  // range, and a batch does not begin or end on a folio's edge.
+  void DropIfNotCached(uint64_t offset, size_t size) const {
+    const size_t batch = static_cast<size_t>(offset / kBatchBytes);
+    if (size == 0 || (batch < cached_.size() && cached_[batch])) return;
+    const uint64_t from = offset / kFolioBytes * kFolioBytes;
+    const uint64_t to = (offset + size + kFolioBytes - 1) / kFolioBytes * kFolioBytes;
+    (void)::posix_fadvise(fd_, static_cast<off_t>(from), static_cast<off_t>(to - from), POSIX_FADV_DONTNEED);
+  }
+
   YString path_;
   const char *function_;
   int fd_ = -1;
   struct stat opened_ {};
+  std::vector<bool> cached_;  // per batch: whole in the page cache when opened
+  mutable uint64_t last_offset_ = 0;  // the batch read last (only the calling thread reads)
+  mutable size_t last_size_ = 0;
 };
 
 // The bytes of one batch: up to five parts, read in one go.
 class BatchBuffer {
  public:
-  BatchBuffer() : bytes_(new unsigned char[kUploadBatchParts * kTransferPartSize]) {}
+  BatchBuffer() : bytes_(new unsigned char[kBatchBytes]) {}
   unsigned char *Data() { return bytes_.get(); }
 
  private:
@@ -121,7 +174,7 @@ struct Batch {
 // together. Empty at the end of the file.
 Batch ReadBatch(const PartSource &source, std::unique_ptr<BatchBuffer> buffer, uint64_t offset) {
   Batch batch;
-  const size_t read = source.Read(buffer->Data(), kUploadBatchParts * kTransferPartSize, offset);
+  const size_t read = source.Read(buffer->Data(), kBatchBytes, offset);
   std::vector<const unsigned char *> starts;
   std::vector<size_t> sizes;
   for (size_t at = 0; at < read; at += kTransferPartSize) {
@@ -279,8 +332,7 @@ PartList YPartUploader::Upload(const YString &localFile, const TransferProgressF
   auto onSent = [&](uint64_t bytes, uint64_t doneAfter, size_t partsSent) {
     if (progress) progress(TransferProgress{doneAfter, total, bytes, partsSent});
   };
-  const size_t wanted = std::max<size_t>(1, std::min<uint64_t>(connections_.size(),
-                                                               total / (kUploadBatchParts * kTransferPartSize) + 1));
+  const size_t wanted = std::max<size_t>(1, std::min<uint64_t>(connections_.size(), total / kBatchBytes + 1));
   BufferPool pool(std::min(wanted + 1, kUploadBuffers));  // before the senders, which give buffers back
   std::vector<std::unique_ptr<BatchSender>> senders;
   for (size_t i = 0; i < wanted; ++i) senders.push_back(std::make_unique<BatchSender>(*connections_[i], pool, onSent));
@@ -293,7 +345,7 @@ PartList YPartUploader::Upload(const YString &localFile, const TransferProgressF
     if (batch.parts.empty()) break;
     parts.insert(parts.end(), batch.parts.begin(), batch.parts.end());
     offset = batch.doneAfter;
-    const bool last = batch.bytesTotal < kUploadBatchParts * kTransferPartSize;
+    const bool last = batch.bytesTotal < kBatchBytes;
     if (cancelled && cancelled()) QEL_RAISE(kTransferLogType, kTransferCancelled, localFile, kFile, "Upload");
     senders[next]->Send(std::move(batch));
     next = (next + 1) % senders.size();
@@ -317,7 +369,7 @@ PartList FingerprintFile(const YString &localFile, struct stat *stat) {
     parts.insert(parts.end(), batch.parts.begin(), batch.parts.end());
     offset = batch.doneAfter;
     buffer = std::move(batch.buffer);
-    if (batch.bytesTotal < kUploadBatchParts * kTransferPartSize) break;
+    if (batch.bytesTotal < kBatchBytes) break;
   }
   if (offset != source.Size()) source.Changed();
   source.Check();

@@ -2,6 +2,8 @@
 1 MiB parts, folders only with -r, nothing local is ever overwritten, an interrupted
 upload resumes by sending only what the cloud lacks, and bad downloads fail loudly."""
 
+import ctypes
+import mmap
 import os
 import pathlib
 import re
@@ -250,3 +252,52 @@ def test_get_onto_a_full_disk_keeps_only_whole_parts_from_the_start(cloud, tmp_p
         kept = target.read_bytes()
         assert 0 < len(kept) <= 9500 * 1024 and len(kept) % MIB == 0, len(kept)
         assert kept == data[:len(kept)]
+
+
+
+def resident_bytes(path):
+    """Bytes of `path` that the page cache holds now: mincore over a mapping of the file
+    that is never touched, so that asking brings nothing in."""
+    libc = ctypes.CDLL(None, use_errno=True)
+    libc.mmap.restype = ctypes.c_void_p
+    libc.mmap.argtypes = [ctypes.c_void_p, ctypes.c_size_t, ctypes.c_int, ctypes.c_int, ctypes.c_int, ctypes.c_long]
+    libc.mincore.argtypes = [ctypes.c_void_p, ctypes.c_size_t, ctypes.c_void_p]
+    libc.munmap.argtypes = [ctypes.c_void_p, ctypes.c_size_t]
+    size = path.stat().st_size
+    pages = (ctypes.c_ubyte * ((size + mmap.PAGESIZE - 1) // mmap.PAGESIZE))()
+    fd = os.open(path, os.O_RDONLY)
+    try:
+        address = libc.mmap(None, size, mmap.PROT_READ, mmap.MAP_SHARED, fd, 0)
+        assert address != ctypes.c_void_p(-1).value, os.strerror(ctypes.get_errno())
+        try:
+            assert libc.mincore(address, size, pages) == 0, os.strerror(ctypes.get_errno())
+        finally:
+            libc.munmap(address, size)
+    finally:
+        os.close(fd)
+    return sum(p & 1 for p in pages) * mmap.PAGESIZE
+
+
+def test_put_leaves_the_page_cache_as_it_found_it(cloud, tmp_path):
+    """A file read from the disk for an upload leaves no pages behind, so a large upload
+    does not push what the user works on out of memory; a file that was in memory stays."""
+    size = 23 * MIB + 5  # batches and folios whose edges do not meet
+    cold, warm = tmp_path / "cold.bin", tmp_path / "warm.bin"
+    for f in (cold, warm):
+        f.write_bytes(pseudo_random(size, f.name))
+    fd = os.open(cold, os.O_RDONLY)
+    try:
+        os.fsync(fd)
+        os.posix_fadvise(fd, 0, 0, os.POSIX_FADV_DONTNEED)
+    finally:
+        os.close(fd)
+    if resident_bytes(cold) > 0:
+        pytest.skip(f"the file system of {tmp_path} keeps written files in memory")
+    warm.read_bytes()
+    assert resident_bytes(warm) == size + (-size % mmap.PAGESIZE)
+
+    for f in (cold, warm):
+        put = cloud.cmd("put", f, "/cache")
+        assert put.returncode == 0, put.stderr
+    assert resident_bytes(cold) == 0
+    assert resident_bytes(warm) == size + (-size % mmap.PAGESIZE)

@@ -5,7 +5,6 @@ verbs record "csmOverlay" there and then hand over to the ZarnuAgent
 executable beside zarnucmd, whose exit status becomes the command's.
 """
 import errno
-import os
 import pathlib
 import shutil
 import sqlite3
@@ -128,15 +127,17 @@ def test_damaged_database_is_an_error_naming_the_file(zarnucmd):
         assert r.stderr.count("\n") == 1, r.stderr
 
 
+def copied_zarnucmd(folder):
+    """zarnucmd copied into folder/bin, beside the build's libraries in folder/lib."""
+    (folder / "bin").mkdir(parents=True)
+    (folder / "lib").symlink_to(bin_dir().parent / "lib")
+    return pathlib.Path(shutil.copy2(bin_dir() / "zarnucmd", folder / "bin" / "zarnucmd"))
+
+
 @pytest.fixture
 def alone(tmp_path):
     """zarnucmd copied into a folder of its own with no ZarnuAgent beside it."""
-    bin_folder = tmp_path / "alone" / "bin"
-    bin_folder.mkdir(parents=True)
-    exe = bin_folder / "zarnucmd"
-    shutil.copy2(bin_dir() / "zarnucmd", exe)
-    (tmp_path / "alone" / "lib").symlink_to(bin_dir().parent / "lib")
-    return exe
+    return copied_zarnucmd(tmp_path / "alone")
 
 
 @pytest.mark.parametrize("verb, switch, overlay", OVERLAY_VERBS)
@@ -153,16 +154,11 @@ def test_overlay_verbs_without_agent_fail_with_enoent(zarnucmd, alone, verb, swi
 def with_agent(tmp_path, zarnucmd):
     """zarnucmd copied into a folder of its own, beside a ZarnuAgent script that
     records how it was started and exits with 7."""
-    bin_folder = tmp_path / "bin"
-    bin_folder.mkdir()
-    exe = bin_folder / "zarnucmd"
-    shutil.copy2(bin_dir() / "zarnucmd", exe)
-    (tmp_path / "lib").symlink_to(bin_dir().parent / "lib")
-    agent = bin_folder / "ZarnuAgent"
-    record = tmp_path / "agent-started"
+    exe = copied_zarnucmd(tmp_path)
+    agent = exe.parent / "ZarnuAgent"
     agent.write_text('#!/bin/sh\n{ printf "%s\\n" "$0" "$#" "$@"; } > "$AGENT_RECORD"\nexit 7\n')
     agent.chmod(agent.stat().st_mode | stat.S_IXUSR)
-    return exe, agent, record
+    return exe, agent, tmp_path / "agent-started"
 
 
 @pytest.mark.parametrize("verb, switch, overlay", OVERLAY_VERBS)

@@ -14,18 +14,28 @@ import struct
 import subprocess
 import sys
 
-REPO = pathlib.Path(__file__).resolve().parent.parent
-
-
-def bin_dir() -> pathlib.Path:
-    return pathlib.Path(os.environ.get("ZARNU_BIN_DIR", REPO / "build" / "release" / "bin"))
-
-
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent / "cloud"))
 from cloudservice import CloudProcess, add_user  # noqa: E402,F401  (re-exported for the suites)
-from ready import NotReady, first_lines  # noqa: E402
+from ready import NotReady, bin_dir, first_lines, stop_process  # noqa: E402
 
 START_TIMEOUT = 30
+
+
+def run_program(name, *args, env, prefix=(), timeout=60, **kwargs):
+    """Runs a built program (under `prefix`) to completion, its output captured as text."""
+    return subprocess.run([*prefix, str(bin_dir() / name), *map(str, args)], env=env, capture_output=True,
+                          text=True, timeout=timeout, **kwargs)
+
+
+def link_agent(env, user, password, root, url, prefix=()):
+    """`ZarnuAgent -link` for the data folder of `env`, the password typed in as a user would."""
+    return run_program("ZarnuAgent", "-link", f"-username={user}", f"-root={root}", f"-cloudAddress={url}",
+                       env=env, prefix=prefix, input=password + "\n")
+
+
+def agent_log(data_dir):
+    path = pathlib.Path(data_dir) / "agent.log"
+    return path.read_text(errors="replace") if path.exists() else ""
 
 
 def agent_env(data_dir, home):
@@ -70,21 +80,14 @@ class AgentProcess:
         """Signals the agent by process id and waits; returns its exit status."""
         if self.proc is None:
             return None
-        if self.proc.poll() is None:
-            os.kill(self.proc.pid, sig)
-        try:
-            code = self.proc.wait(timeout=30)
-        except subprocess.TimeoutExpired:
-            os.kill(self.proc.pid, signal.SIGKILL)
-            code = self.proc.wait()
+        code = stop_process(self.proc, sig)
         self.proc.stdout.close()
         self.proc.stderr.close()
         self.proc = None
         return code
 
     def log(self):
-        path = self.data_dir / "agent.log"
-        return path.read_text(errors="replace") if path.exists() else ""
+        return agent_log(self.data_dir)
 
     def connect(self):
         return OverlayConnection.unix(self.socket_path)

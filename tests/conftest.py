@@ -9,15 +9,11 @@ import subprocess
 
 import pytest
 
-REPO = pathlib.Path(__file__).resolve().parent.parent
+from ready import bin_dir  # noqa: F401  (the suites import it from here)
 
 # Agents and engines started by the suites stay off the machine's network; the
 # peer suite switches discovery back on inside network namespaces it makes.
 os.environ["ZARNU_PEER_DISCOVERY"] = "off"
-
-
-def bin_dir() -> pathlib.Path:
-    return pathlib.Path(os.environ.get("ZARNU_BIN_DIR", REPO / "build" / "release" / "bin"))
 
 
 class ZarnuCmd:

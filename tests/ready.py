@@ -1,7 +1,18 @@
-"""Waiting for a started server's ready lines without sleeping."""
+"""The built programs: where they are, waiting for a started server's ready lines
+without sleeping, and stopping it by process id."""
 import os
+import pathlib
 import selectors
+import signal
+import subprocess
 import time
+
+REPO = pathlib.Path(__file__).resolve().parent.parent
+
+
+def bin_dir() -> pathlib.Path:
+    """$ZARNU_BIN_DIR (CTest sets it), else build/release/bin."""
+    return pathlib.Path(os.environ.get("ZARNU_BIN_DIR", REPO / "build" / "release" / "bin"))
 
 
 class NotReady(AssertionError):
@@ -30,3 +41,14 @@ def first_lines(proc, count=1, timeout=30, fd=None):
                 raise NotReady(f"exited with {proc.wait()}", exited=True)
             text += byte
     return text.decode().splitlines()
+
+
+def stop_process(proc, sig=signal.SIGTERM):
+    """Signals the process by id and waits (killing it after 30 s); returns its exit status."""
+    if proc.poll() is None:
+        os.kill(proc.pid, sig)
+    try:
+        return proc.wait(timeout=30)
+    except subprocess.TimeoutExpired:
+        os.kill(proc.pid, signal.SIGKILL)
+        return proc.wait()

@@ -1,9 +1,5 @@
-"""Starting and stopping zarnu-cloud for tests (used by conftest.py and the tests).
+"""Starting and stopping zarnu-cloud for tests (used by conftest.py and the tests)."""
 
-The binaries are looked up in $ZARNU_BIN_DIR (default: build/release/bin below the
-repository root)."""
-
-import os
 import pathlib
 import signal
 import subprocess
@@ -14,11 +10,9 @@ import pytest
 from cloudclient import CloudClient
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
-from ready import NotReady, first_lines  # noqa: E402
+from ready import NotReady, bin_dir, first_lines, stop_process  # noqa: E402
 
-REPO_ROOT = pathlib.Path(__file__).resolve().parents[2]
-BIN_DIR = pathlib.Path(os.environ.get("ZARNU_BIN_DIR", REPO_ROOT / "build" / "release" / "bin"))
-CLOUD = BIN_DIR / "zarnu-cloud"
+CLOUD = bin_dir() / "zarnu-cloud"
 START_TIMEOUT = 30
 
 
@@ -88,13 +82,7 @@ class CloudProcess:
         """Signals the process by id and waits; returns its exit status."""
         if self.proc is None:
             return None
-        if self.proc.poll() is None:
-            os.kill(self.proc.pid, sig)
-        try:
-            code = self.proc.wait(timeout=30)
-        except subprocess.TimeoutExpired:
-            os.kill(self.proc.pid, signal.SIGKILL)
-            code = self.proc.wait()
+        code = stop_process(self.proc, sig)
         self.proc.stdout.close()
         self.proc = None
         return code

@@ -1,23 +1,15 @@
 """Helpers of the zarnucmd Cloud suite: accounts on a running zarnu-cloud, a
 runner for `zarnucmd Cloud <verb>`, and the expected listing lines.
 
-The service helpers of tests/cloud are loaded under their own module name;
-content is put into accounts through the cloud API directly
-(tests/cloud/cloudclient.py).
+The service is the cloud suite's CloudProcess; content is put into accounts
+through the cloud API directly (tests/cloud/cloudclient.py).
 """
-import importlib.util
 import pathlib
 import sqlite3
 import sys
 
-_CLOUD_TESTS = pathlib.Path(__file__).resolve().parent.parent / "cloud"
-sys.path.insert(0, str(_CLOUD_TESTS))
-_spec = importlib.util.spec_from_file_location("cloud_service_fixtures", _CLOUD_TESTS / "conftest.py")
-_service = importlib.util.module_from_spec(_spec)
-_spec.loader.exec_module(_service)
-
-CloudProcess = _service.CloudProcess
-add_user = _service.add_user
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "cloud"))
+from cloudservice import CloudProcess, add_user  # noqa: E402,F401
 
 
 class Account:

@@ -5,17 +5,12 @@ The service is started and stopped through the cloud suite's CloudProcess (by pr
 id; it waits for the "listening on" line)."""
 
 import hashlib
-import importlib.util
 import pathlib
 import sys
 
-_CLOUD_TESTS = pathlib.Path(__file__).resolve().parent.parent / "cloud"
-sys.path.insert(0, str(_CLOUD_TESTS))
-_spec = importlib.util.spec_from_file_location("cloud_fixtures", _CLOUD_TESTS / "conftest.py")
-cloud_fixtures = importlib.util.module_from_spec(_spec)
-_spec.loader.exec_module(cloud_fixtures)
-
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "cloud"))
 from cloudclient import CloudClient  # noqa: E402
+from cloudservice import CloudProcess, add_user  # noqa: E402
 
 MIB = 1 << 20
 USER = "transfer"
@@ -43,8 +38,8 @@ class Cloud:
 
     def __init__(self, zarnucmd, data_dir):
         self.zarnucmd = zarnucmd
-        self.proc = cloud_fixtures.CloudProcess(data_dir)
-        cloud_fixtures.add_user(data_dir, USER, PASSWORD, build=True)
+        self.proc = CloudProcess(data_dir)
+        add_user(data_dir, USER, PASSWORD, build=True)
         self.proc.start()
         self.api = None
 

@@ -1,15 +1,14 @@
 """Linked ZarnuAgents for end-to-end suites, and ways to compare their folders with
 the cloud: SyncedAgent (its own data, root and home folders, linked to a zarnu-cloud
 with `ZarnuAgent -link`), eventually, local_tree, cloud_tree, write, and the fixtures
-`cloud` and `client` (import them into a conftest)."""
+`cloud`, `client` and `agent` (import them into a conftest)."""
 import os
 import pathlib
-import subprocess
 import time
 
 import pytest
 
-from agent_support import AgentProcess, CloudProcess, add_user, agent_env, bin_dir
+from agent_support import AgentProcess, CloudProcess, add_user, agent_env, agent_log, link_agent, run_program
 
 USER, PASSWORD = "alice", "correct horse"
 
@@ -32,6 +31,14 @@ def client(cloud):
     c.close()
 
 
+@pytest.fixture
+def agent(tmp_path, cloud):
+    """A started SyncedAgent named "a", stopped by process id."""
+    a = SyncedAgent(tmp_path, "a", cloud.url).start()
+    yield a
+    a.stop()
+
+
 class SyncedAgent:
     """A linked ZarnuAgent: `root` is its synced folder, `data` its data folder."""
 
@@ -42,11 +49,14 @@ class SyncedAgent:
         self.home = self.base / "home"
         self.home.mkdir(parents=True)
         self.env = agent_env(self.data, self.home)
-        link = subprocess.run([str(bin_dir() / "ZarnuAgent"), "-link", f"-username={USER}", f"-root={self.root}",
-                               f"-cloudAddress={cloud_url}"], input=PASSWORD + "\n", text=True,
-                              capture_output=True, env=self.env, timeout=60)
-        assert link.returncode == 0, link.stderr
+        self.link(self.root, cloud_url)
         self.process = None
+
+    def link(self, root, cloud_url):
+        """Links the data folder to USER's account with `root` as the synced folder."""
+        self.root = root
+        done = link_agent(self.env, USER, PASSWORD, root, cloud_url)
+        assert done.returncode == 0, done.stderr
 
     def start(self):
         self.process = AgentProcess(self.data, self.home).start()
@@ -60,13 +70,10 @@ class SyncedAgent:
         return code
 
     def log(self):
-        path = self.data / "agent.log"
-        return path.read_text(errors="replace") if path.exists() else ""
+        return agent_log(self.data)
 
     def put_option(self, name, value):
-        env = dict(self.env)
-        out = subprocess.run([str(bin_dir() / "zarnucmd"), "Config", "put", name, str(value)], env=env,
-                             capture_output=True, text=True, timeout=60)
+        out = run_program("zarnucmd", "Config", "put", name, value, env=self.env)
         assert out.returncode == 0, out.stderr
 
     def connect(self):

@@ -7,12 +7,12 @@ import signal
 import sqlite3
 import stat
 import struct
-import subprocess
 import tempfile
 
 import pytest
 
-from agent_support import AgentProcess, CloudProcess, OverlayConnection, add_user, agent_env, bin_dir, encode_frame
+from agent_support import (AgentProcess, CloudProcess, OverlayConnection, add_user, agent_env, encode_frame,
+                           link_agent, run_program)
 
 
 def config(data_dir):
@@ -27,8 +27,7 @@ def test_one_agent_per_data_folder_and_a_clean_stop(agent, tmp_path, data_dir):
     assert stat.S_IMODE(os.stat(agent.socket_path).st_mode) == 0o600
     assert stat.S_IMODE(os.stat(data_dir).st_mode) == 0o700
 
-    second = subprocess.run([str(bin_dir() / "ZarnuAgent")], env=agent_env(data_dir, tmp_path), capture_output=True,
-                            text=True, timeout=30)
+    second = run_program("ZarnuAgent", env=agent_env(data_dir, tmp_path))
     assert second.returncode == 197
     assert second.stderr == "ZarnuAgent: The zarnu agent is already running and cannot be run twice (error 197)\n"
     assert agent.connect().result("overlay_get_root_share") == {"share_path": ""}
@@ -198,9 +197,7 @@ def cloud(tmp_path_factory):
 
 
 def link(data_dir, home, url, password, root):
-    return subprocess.run([str(bin_dir() / "ZarnuAgent"), "-link", "-username=agent-user", f"-root={root}",
-                           f"-cloudAddress={url}"], input=password + "\n", env=agent_env(data_dir, home),
-                          capture_output=True, text=True, timeout=60)
+    return link_agent(agent_env(data_dir, home), "agent-user", password, root, url)
 
 
 def test_link_stores_the_login_and_a_running_agent_takes_it(tmp_path, agent, data_dir, cloud):
@@ -245,13 +242,13 @@ def test_remote_clients_must_prove_the_token(tmp_path, cloud):
 
 def test_help_and_unknown_switches(tmp_path):
     env = agent_env(tmp_path / "d", tmp_path)
-    r = subprocess.run([str(bin_dir() / "ZarnuAgent"), "-help"], env=env, capture_output=True, text=True)
+    r = run_program("ZarnuAgent", "-help", env=env)
     assert r.returncode == 0 and "-link" in r.stdout and "-listen=VALUE" in r.stdout
-    r = subprocess.run([str(bin_dir() / "ZarnuAgent"), "-frobnicate"], env=env, capture_output=True, text=True)
+    r = run_program("ZarnuAgent", "-frobnicate", env=env)
     assert r.returncode == 55 and "-frobnicate" in r.stderr and r.stderr.count("\n") == 1
     # There is no mail client to take an add-in on Linux (EOPNOTSUPP).
     for switch, verb in (("-installOutlookAddin", "install"), ("-removeOutlookAddin", "remove")):
-        r = subprocess.run([str(bin_dir() / "ZarnuAgent"), switch], env=env, capture_output=True, text=True)
+        r = run_program("ZarnuAgent", switch, env=env)
         assert (r.returncode, r.stdout) == (95, ""), (switch, r.stderr)
         assert r.stderr == ("ZarnuAgent: Operation not supported: there is no Outlook mail client on Linux, so there "
                             f"is no add-in to {verb} (error 95)\n")

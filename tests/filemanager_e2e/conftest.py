@@ -9,19 +9,12 @@ import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
 from agent_support import bin_dir  # noqa: E402
-from sync_support import SyncedAgent, cloud, eventually, write  # noqa: E402,F401
+from sync_support import agent, cloud, eventually, write  # noqa: E402,F401
 
 OVERLAY_FILES = bin_dir().parent / "share" / "zarnu" / "filemanager"
 sys.dont_write_bytecode = True  # leave the build tree's overlay folder as the build made it
 sys.path.insert(0, str(OVERLAY_FILES))
 import zarnu_overlay  # noqa: E402
-
-
-@pytest.fixture
-def agent(tmp_path, cloud):
-    a = SyncedAgent(tmp_path, "a", cloud.url).start()
-    yield a
-    a.stop()
 
 
 class Recorder:

@@ -9,7 +9,7 @@ import termios
 import time
 
 from conftest import ADDRESS, BANNER, DISCOVERY_ON, env_for
-from agent_support import AgentProcess, CloudProcess, add_user, bin_dir
+from agent_support import AgentProcess, CloudProcess, add_user, bin_dir, link_agent
 
 # An agent present shows up within two seconds.
 ARRIVAL = 2.0
@@ -112,9 +112,7 @@ def test_a_linked_agent_shows_its_user(lan, scan, tmp_path):
     try:
         add_user(cloud.data_dir, "alice", "pw-alice")
         env = env_for(tmp_path, "linked")
-        link = subprocess.run([*lan.run_in("a"), str(bin_dir() / "ZarnuAgent"), "-link", "-username=alice",
-                               f"-root={tmp_path / 'linked' / 'root'}", f"-cloudAddress={cloud.url}"],
-                              input="pw-alice\n", text=True, capture_output=True, env=env, timeout=60)
+        link = link_agent(env, "alice", "pw-alice", tmp_path / "linked" / "root", cloud.url, prefix=lan.run_in("a"))
         assert link.returncode == 0, link.stderr
         agent = AgentProcess(tmp_path / "linked" / "data", tmp_path / "linked", prefix=lan.run_in("a"),
                              env=DISCOVERY_ON).start()

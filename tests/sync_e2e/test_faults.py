@@ -4,13 +4,11 @@ import os
 import random
 import signal
 import sqlite3
-import subprocess
 import time
 
 import pytest
 
-from agent_support import bin_dir
-from conftest import PASSWORD, USER, cloud_tree, eventually, local_tree, write
+from conftest import cloud_tree, eventually, local_tree, write
 from small_disk import small_tmpfs
 
 ROUNDS = int(os.environ.get("ZARNU_CRASH_ROUNDS", "100"))
@@ -103,11 +101,7 @@ def test_full_disk_reports_error_and_keeps_going(make_agent, client, small_root,
     agent = make_agent(start=False)
     # Point the link at the small disk.
     root = small_root / "root"
-    agent.root = root
-    done = subprocess.run([str(bin_dir() / "ZarnuAgent"), "-link", f"-username={USER}", f"-root={root}",
-                           f"-cloudAddress={client.url}"],
-                          input=PASSWORD + "\n", text=True, capture_output=True, env=agent.env, timeout=60)
-    assert done.returncode == 0, done.stderr
+    agent.link(root, client.url)
     too_big = os.urandom(5 * 1024 * 1024)
     client.put_file("/too-big.bin", too_big)
     client.put_file("/small.txt", b"fits")

@@ -1,10 +1,8 @@
 """The agent keeps its root folder and the account's cloud the same, both ways,
 with the real zarnu-cloud and the real ZarnuAgent."""
 import os
-import pathlib
-import subprocess
 
-from agent_support import bin_dir
+from agent_support import run_program
 from conftest import PASSWORD, USER, cloud_tree, eventually, local_tree, write
 
 SYNCED, SYNCING, ERROR = 1, 2, 3
@@ -46,10 +44,8 @@ def test_files_travel_both_ways_and_report_synced(make_agent, client, cloud, tmp
     # A file put with zarnucmd reaches the folder.
     src = tmp_path / "from-cli.txt"
     src.write_bytes(b"put by zarnucmd\n" * 1000)
-    env = dict(agent.env, ZARNU_DATA=str(tmp_path / "cli-data"))
-    put = subprocess.run([str(bin_dir() / "zarnucmd"), "Cloud", "put", str(src), "/inbox", "-username=" + USER,
-                          "-password=" + PASSWORD, "-cloudAddress=" + cloud.url], env=env,
-                         capture_output=True, text=True, timeout=60)
+    put = run_program("zarnucmd", "Cloud", "put", src, "/inbox", "-username=" + USER, "-password=" + PASSWORD,
+                      "-cloudAddress=" + cloud.url, env=dict(agent.env, ZARNU_DATA=str(tmp_path / "cli-data")))
     assert put.returncode == 0, put.stderr
     eventually(lambda: (agent.root / "inbox" / "from-cli.txt").exists())
     assert (agent.root / "inbox" / "from-cli.txt").read_bytes() == src.read_bytes()

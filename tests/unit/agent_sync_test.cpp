@@ -3,9 +3,6 @@
 // and the status table's folder roll-up and notifications.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-#include <unistd.h>
-
 #include "Sync/YCloudNames.h"
 #include "Sync/YRemoteView.h"
 #include "Sync/YSyncIndex.h"
@@ -38,9 +35,7 @@ std::shared_ptr<RemoteItem> Item(uint64_t id) {
 class RemoteViewTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    dir_ = std::filesystem::temp_directory_path() / ("agent-sync-test-" + std::to_string(::getpid()));
-    std::filesystem::remove_all(dir_);
-    index_ = std::make_unique<YSyncIndex>((dir_ / "sync.db").string());
+    index_ = std::make_unique<YSyncIndex>(dir_.Path("sync.db"));
     index_->Open();
     view_ = std::make_unique<YRemoteView>(*index_);
     view_->Load();
@@ -48,14 +43,13 @@ class RemoteViewTest : public ::testing::Test {
   void TearDown() override {
     view_.reset();
     index_.reset();
-    std::filesystem::remove_all(dir_);
   }
   uint64_t IdOf(const char* relative) {
     auto item = view_->Find(relative);
     return item ? item->id : 0;
   }
 
-  std::filesystem::path dir_;
+  qel_test::TempFolder dir_{"agent_sync"};
   std::unique_ptr<YSyncIndex> index_;
   std::unique_ptr<YRemoteView> view_;
 };

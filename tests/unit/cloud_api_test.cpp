@@ -2,22 +2,9 @@
 // upload body, the parts download answer with its fingerprint checks), and its
 // calls against a real zarnu-cloud started from the same bin folder (skipped
 // when that program is not built).
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <chrono>
-#include <fstream>
-#include <thread>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -27,6 +14,7 @@
 #include "CloudSync/YCloudApi.h"
 #include "Qel/JSON/YObject.h"
 #include "Qel/JSON/YValue.h"
+#include "qel_test_support.h"
 
 namespace {
 
@@ -35,6 +23,7 @@ using CloudSync::PartList;
 using CloudSync::PartPtr;
 using CloudSync::YCloudApi;
 using Qel::Exception::YError;
+using qel_test::CodeOf;
 using zarnu_test::CloudService;
 
 const unsigned char* Bytes(const std::string& s) { return reinterpret_cast<const unsigned char*>(s.data()); }
@@ -50,15 +39,6 @@ PartPtr MakePart(const std::string& bytes, bool withData) {
 std::string Item(const std::string& fingerprint, size_t size, const char* status) {
   return R"({"fingerprint":")" + fingerprint + R"(","size":)" + std::to_string(size) + R"(,"status":")" + status +
          R"("})";
-}
-
-unsigned int CodeOf(const std::function<void()>& f) {
-  try {
-    f();
-  } catch (const YError& e) {
-    return e.GetCcode();
-  }
-  return 0;
 }
 
 TEST(CloudApiErrors, ServiceErrorObjectKeepsCodeAndMessage) {

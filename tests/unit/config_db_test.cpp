@@ -14,21 +14,15 @@
 #include "Qel/File/File.h"
 #include "Qel/SQLite/YSqliteDb.h"
 #include "Qel/Util/Util.h"
+#include "qel_test_support.h"
 
 namespace {
 
 class ConfigDbTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    std::string pattern = ::testing::TempDir() + "config_db_XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override { std::system(("rm -rf '" + dir_ + "'").c_str()); }
+  Qel::YString PathIn(const char* relative) const { return dir_.Path(relative); }
 
-  Qel::YString PathIn(const char* relative) const { return Qel::File::AppendPaths(dir_, relative); }
-
-  std::string dir_;
+  qel_test::TempFolder dir_{"config_db"};
 };
 
 TEST_F(ConfigDbTest, ValuesRoundTripAndSurviveReopening) {

@@ -9,7 +9,6 @@
 #include <atomic>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <thread>
 
@@ -29,12 +28,7 @@ using Qel::JSON::YObject;
 using Qel::JSON::YValue;
 using Qel::Time::YDuration;
 using qel_test::Raised;
-
-std::filesystem::path TempFolder(const char* what) {
-  auto folder = std::filesystem::temp_directory_path() / (std::string("zarnu-") + what + "-" + std::to_string(::getpid()));
-  std::filesystem::create_directories(folder);
-  return folder;
-}
+using qel_test::TempFolder;
 
 // An agent in the test process: answers the root share, counts requests by
 // method; keeps its sessions so that the test can push requests or drop clients.
@@ -111,16 +105,11 @@ YCommandPtr RefreshPath(const YString& path, int status, int progress, int flags
 
 class OverlayContextTest : public ::testing::Test {
  protected:
-  void SetUp() override {
-    folder_ = TempFolder("overlay");
-    socket_ = (folder_ / "zarnuagent-overlay.socket").string();
-    service_.Initialize(1);
-  }
+  void SetUp() override { service_.Initialize(1); }
   void TearDown() override {
     context_.reset();
     agent_.reset();
     service_.Deinitialize();
-    std::filesystem::remove_all(folder_);
   }
   void MakeContext(const std::string& address) {
     context_ = YOverlayContext::Create(
@@ -136,8 +125,8 @@ class OverlayContextTest : public ::testing::Test {
     return pushed_;
   }
 
-  std::filesystem::path folder_;
-  std::string socket_;
+  TempFolder folder_{"overlay"};
+  const std::string socket_ = folder_.Path("zarnuagent-overlay.socket");
   Qel::IO::YService service_;
   std::unique_ptr<InProcessAgent> agent_;
   std::shared_ptr<YOverlayContext> context_;
@@ -266,9 +255,9 @@ TEST(OverlayClientTest, RemoteConfigLinesAndThePathLookup) {
   EXPECT_EQ(entries[0], (OverlayClient::RemoteEntry{"srv:8446", "/home/a/Shared", "/Shared"}));
   EXPECT_EQ(entries[1], (OverlayClient::RemoteEntry{"b:8446", "/l", "/r"}));
 
-  const auto folder = TempFolder("remote");
-  std::ofstream(folder / "remote.cfg") << "srv, /home/a/Shared ,/Shared\nsrv, /home/a/Shared ,/Shared\n";
-  OverlayClient::Initialize(folder.string(), nullptr, nullptr);
+  const TempFolder folder("remote");
+  folder.Write("remote.cfg", "srv, /home/a/Shared ,/Shared\nsrv, /home/a/Shared ,/Shared\n");
+  OverlayClient::Initialize(folder.Path(), nullptr, nullptr);
   EXPECT_EQ(OverlayClient::GetRemoteContexts().size(), 1u) << "a repeated line replaces its twin";
   auto [remote, translated] = OverlayClient::GetContextForPath("/home/a/Shared/x/y");
   ASSERT_NE(remote, nullptr);
@@ -278,10 +267,9 @@ TEST(OverlayClientTest, RemoteConfigLinesAndThePathLookup) {
   auto [local, same] = OverlayClient::GetContextForPath("/home/a/Other");
   EXPECT_EQ(local, OverlayClient::GetLocalContext());
   EXPECT_EQ(same, "/home/a/Other");
-  EXPECT_EQ(local->GetAddress(), (folder / "zarnuagent-overlay.socket").string());
+  EXPECT_EQ(local->GetAddress(), folder.Path("zarnuagent-overlay.socket"));
   OverlayClient::Deinitialize();
   EXPECT_EQ(Raised([] { OverlayClient::ConnectToAgent(); }).GetCcode(), 55u);
-  std::filesystem::remove_all(folder);
 }
 
 TEST(MenuModelTest, MenusTravelWithTheirImagesAndNestedOrder) {

@@ -9,8 +9,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "CloudSync/Codes.h"
@@ -143,11 +141,9 @@ TEST(QelLog, FileLines) {
   log.WriteWithPrefix(32, "Prefix", "two");
   log.Close();
   log.Write(31, "after close");
-  std::ifstream in(path);
-  std::stringstream s;
-  s << in.rdbuf();
+  const std::string written = qel_test::ReadFile(path);
   std::remove(path.c_str());
-  EXPECT_THAT(s.str(), testing::MatchesRegex("[0-9-]{10} [0-9:.]{12} \\[T_ONE\\] one\n"
+  EXPECT_THAT(written, testing::MatchesRegex("[0-9-]{10} [0-9:.]{12} \\[T_ONE\\] one\n"
                                              "[0-9-]{10} [0-9:.]{12} \\[Prefix\\] two\n"));
   EXPECT_EQ(Raised([&] { log.Open("/no/such/folder/log.txt"); }).GetSubCode(), Qel::Exception::kOsErrorSubCode);
 }

@@ -5,7 +5,6 @@
 
 #include <cerrno>
 #include <cstdlib>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -68,14 +67,9 @@ TEST(QelPaths, PathMaps) {
 
 class QelFiles : public testing::Test {
  protected:
-  void SetUp() override {
-    std::string templ = testing::TempDir() + "qel_file_XXXXXX";
-    ASSERT_NE(::mkdtemp(templ.data()), nullptr);
-    root_ = templ;
-  }
-  void TearDown() override { std::filesystem::remove_all(std::string(root_)); }
   YString Path(const char* rel) const { return F::AppendPaths(root_, rel); }
-  YString root_;
+  qel_test::TempFolder folder_{"qel_file"};
+  const YString root_ = folder_.Path();
 };
 
 TEST_F(QelFiles, CreatePathContentsAndInfo) {

@@ -45,16 +45,12 @@ TEST(FrameTest, DecoderTakesFramesFedByteByByte) {
 class SessionTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    folder_ = std::filesystem::temp_directory_path() / ("qel-io-" + std::to_string(::getpid()));
-    std::filesystem::create_directories(folder_);
-    path_ = (folder_ / "s.socket").string();
     service_.Initialize(2);
   }
   void TearDown() override {
     for (auto& s : server_sessions_) s->Release();
     if (listener_) listener_->Close();
     service_.Deinitialize();
-    std::filesystem::remove_all(folder_);
   }
 
   // Serves requests: "echo" returns its params, "fail" raises code 174, "slow"
@@ -96,8 +92,8 @@ class SessionTest : public ::testing::Test {
     return session;
   }
 
-  std::filesystem::path folder_;
-  std::string path_;
+  qel_test::TempFolder folder_{"qel_io"};
+  const std::string path_ = folder_.Path("s.socket");
   Qel::IO::YService service_;
   std::shared_ptr<Qel::IO::YListener> listener_;
   std::mutex mutex_;

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <fstream>
 #include <limits>
 #include <sstream>
 #include <string>
@@ -177,12 +176,7 @@ class QelJsonLog : public testing::Test {
     std::remove(path_.c_str());
   }
   static Qel::Log::YLog& log() { return Qel::Log::GetGlobalLogger(); }
-  std::string Contents() const {
-    std::ifstream in(path_);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-  }
+  std::string Contents() const { return qel_test::ReadFile(path_); }
   std::string path_;
 };
 

@@ -2,8 +2,13 @@
 #pragma once
 
 #include <gtest/gtest.h>
+#include <stdlib.h>
 
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <ostream>
+#include <string>
 
 #include "Qel/Exception/YError.h"
 #include "Qel/YString.h"
@@ -25,6 +30,42 @@ Qel::Exception::YError Raised(F&& f) {
   }
   ADD_FAILURE() << "no YError was raised";
   return Qel::Exception::YError(0, 0, 0, 0, "", "");
+}
+
+// The code of the YError that `f` raises (a failure when it raises none).
+template <class F>
+unsigned int CodeOf(F&& f) {
+  return Raised(std::forward<F>(f)).GetCcode();
+}
+
+// A fresh folder below the test temporary folder, removed with all it holds when
+// this goes.
+class TempFolder {
+ public:
+  explicit TempFolder(const std::string& what = "zarnu_test") {
+    std::string pattern = testing::TempDir() + what + "_XXXXXX";
+    if (::mkdtemp(pattern.data()) == nullptr) ADD_FAILURE() << "cannot make a folder like " << pattern;
+    path_ = pattern;
+  }
+  ~TempFolder() { std::filesystem::remove_all(path_); }
+  TempFolder(const TempFolder&) = delete;
+  TempFolder& operator=(const TempFolder&) = delete;
+  const std::string& Path() const { return path_; }
+  std::string Path(const std::string& relative) const { return path_ + "/" + relative; }
+  // Writes `bytes` to the file `name` in the folder; returns its path.
+  std::string Write(const std::string& name, const std::string& bytes) const {
+    std::ofstream(Path(name), std::ios::binary) << bytes;
+    return Path(name);
+  }
+
+ private:
+  std::string path_;
+};
+
+// Everything in a file; empty when it cannot be read.
+inline std::string ReadFile(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 }  // namespace qel_test

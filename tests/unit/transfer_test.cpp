@@ -7,8 +7,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
-#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -19,11 +17,14 @@
 #include "CloudSync/Transfer/YPartsBuffer.h"
 #include "CloudSync/YCloudApi.h"
 #include "cloud_service_support.h"
+#include "qel_test_support.h"
 
 namespace {
 
 using CloudSync::PartList;
 using CloudSync::YCloudApi;
+using qel_test::CodeOf;
+using qel_test::TempFolder;
 
 constexpr size_t kMiB = 1048576;
 
@@ -35,35 +36,6 @@ std::string Pattern(size_t size, unsigned seed) {
     bytes[i] = static_cast<char>(x >> 24);
   }
   return bytes;
-}
-
-class TempFolder {
- public:
-  TempFolder() {
-    char folder[] = "/tmp/transfer_test.XXXXXX";
-    if (::mkdtemp(folder) != nullptr) path_ = folder;
-  }
-  ~TempFolder() {
-    if (!path_.empty()) std::filesystem::remove_all(path_);
-  }
-  std::string Write(const std::string &name, const std::string &bytes) const {
-    const std::string file = path_ + "/" + name;
-    std::ofstream(file, std::ios::binary) << bytes;
-    return file;
-  }
-  const std::string &Path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
-unsigned int CodeOf(const std::function<void()> &f) {
-  try {
-    f();
-  } catch (const Qel::Exception::YError &e) {
-    return e.GetCcode();
-  }
-  return 0;
 }
 
 // How files are cut into fingerprinted mebibytes is checked through zarnucmd put

@@ -10,19 +10,19 @@ install tests are skipped with the reason.
 Programs in the chroot run in a private mount namespace (`unshare --mount`) that mounts /proc for
 them, so nothing stays mounted when they end; each process is stopped by its id.
 """
+import contextlib
 import glob
 import os
 import pathlib
 import re
 import shlex
 import shutil
-import signal
 import subprocess
 
 import pytest
 
 from conftest import bin_dir
-from ready import NotReady, first_lines
+from ready import NotReady, first_lines, stop_process
 
 BUILD = bin_dir().parent
 CACHE = BUILD / "package-test"
@@ -201,17 +201,11 @@ def test_agent_starts_from_its_unit(installed, tmp_path):
     home = "/tmp/agent-home" if installed.root is not None else str(tmp_path)
     installed.sh(f"mkdir -p {home}")
     env = f"env -i PATH=/usr/bin:/bin HOME={home} ZARNU_PEER_DISCOVERY=off"
-    proc = start(installed, f"exec {env} {shlex.join(command)}")
-    try:
-        line = read_line(proc)
+    with running(installed, f"exec {env} {shlex.join(command)}") as line:
         assert line == f"listening on {home}/.zarnu/zarnuagent-overlay.socket", line
         # zarnucmd finds and talks to the installed agent through its socket.
         result = installed.sh(f"{env} zarnucmd Debug msg -list")
         assert result.returncode == 0 and result.stdout.strip(), result.stdout + result.stderr
-    finally:
-        proc.send_signal(signal.SIGTERM)
-        code = proc.wait(timeout=START_TIMEOUT)
-    assert code == 0, proc.stderr.read().decode()
 
 
 def test_service_starts_from_its_unit_as_its_own_user(installed):
@@ -223,28 +217,25 @@ def test_service_starts_from_its_unit_as_its_own_user(installed):
     # The unit's own command line, as the unit's user, on a free loopback port (the last --listen wins).
     script = (f"exec setpriv --reuid={user} --regid={user} --init-groups env -i HOME={home} "
               f"{shlex.join(command)} --listen 127.0.0.1:0")
-    proc = start(installed, script)
-    try:
-        line = read_line(proc)
+    with running(installed, script) as line:
         assert re.fullmatch(r"listening on https://127\.0\.0\.1:\d+/?", line), line
         # The self-signed certificate went into the state folder the package made for that user.
         result = installed.sh(f"stat -c %U {home}/cert.pem")
         assert result.stdout.strip() == user, result.stdout + result.stderr
-    finally:
-        proc.send_signal(signal.SIGTERM)
-        code = proc.wait(timeout=START_TIMEOUT)
-    assert code == 0, proc.stderr.read().decode()
 
 
-def start(installed, script):
-    """Starts `script` (which execs the program, keeping the process id) on the installed system."""
-    return subprocess.Popen(installed.command(script), stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+@contextlib.contextmanager
+def running(installed, script):
+    """Starts `script` (which execs the program, keeping the process id) on the installed system and
+    yields the first line it prints; then stops it by process id, and it must end with status 0."""
+    proc = subprocess.Popen(installed.command(script), stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                             stdin=subprocess.DEVNULL)
-
-
-def read_line(proc):
-    """The first line the process prints, waiting at most START_TIMEOUT for it."""
     try:
-        return first_lines(proc, 1, START_TIMEOUT)[0]
-    except NotReady as e:
-        raise AssertionError(f"the program {e}: " + (proc.stderr.read().decode() if e.exited else "")) from None
+        try:
+            line = first_lines(proc, 1, START_TIMEOUT)[0]
+        except NotReady as e:
+            raise AssertionError(f"the program {e}: " + (proc.stderr.read().decode() if e.exited else "")) from None
+        yield line
+    finally:
+        code = stop_process(proc)
+    assert code == 0, proc.stderr.read().decode()

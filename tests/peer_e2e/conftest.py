@@ -18,7 +18,7 @@ import uuid
 import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
-from agent_support import AgentProcess, bin_dir  # noqa: E402
+from agent_support import AgentProcess, agent_env, bin_dir  # noqa: E402
 
 DISCOVERY_ON = {"ZARNU_PEER_DISCOVERY": "on"}
 BANNER = "Scanning for zarnu clients... (press any key to stop)"
@@ -77,12 +77,9 @@ def lan():
 
 
 def env_for(tmp_path, name):
-    env = dict(os.environ)
-    env.update(DISCOVERY_ON)
-    env["ZARNU_DATA"] = str(tmp_path / name / "data")
-    env["HOME"] = str(tmp_path / name)
+    """The environment of a program whose home is tmp_path/name, its data folder "data" there."""
     (tmp_path / name).mkdir(exist_ok=True)
-    return env
+    return dict(agent_env(tmp_path / name / "data", tmp_path / name), **DISCOVERY_ON)
 
 
 class PeerScan:
@@ -176,12 +173,10 @@ def agent_in(lan, tmp_path):
     agents = []
 
     def start(side="a", name="agent"):
-        data = tmp_path / name / "data"
-        agent = AgentProcess(data, tmp_path / name, prefix=lan.run_in(side), env=DISCOVERY_ON)
         (tmp_path / name).mkdir(exist_ok=True)
-        agent.start()
-        agents.append(agent)
-        return agent
+        agents.append(AgentProcess(tmp_path / name / "data", tmp_path / name, prefix=lan.run_in(side),
+                                   env=DISCOVERY_ON).start())
+        return agents[-1]
     yield start
     for agent in agents:
         agent.stop()

@@ -8,6 +8,7 @@
 #include "ApiError.h"
 #include "CloudPath.h"
 #include "CloudService.h"
+#include "CloudTestSupport.h"
 #include "FaultInjectionEnv.h"
 #include "Fingerprint.h"
 #include "FolderPartStore.h"
@@ -21,7 +22,6 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
-#include <random>
 
 namespace zarnu::cloud::test {
 namespace {
@@ -30,13 +30,6 @@ namespace fs = std::filesystem;
 
 constexpr int kRounds = 2;
 constexpr std::size_t kMaxRuns = 400;  // far above the operations one workload makes
-
-std::string bytesOf(std::size_t size, unsigned seed) {
-    std::mt19937 gen(seed);
-    std::string out(size, '\0');
-    for (char& c : out) c = static_cast<char>(gen());
-    return out;
-}
 
 std::string keyOf(std::string_view path) { return CloudPath::keyOf(CloudPath::parse(path)); }
 
@@ -55,14 +48,9 @@ struct Outcome {
 
 class FaultInjectionTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        root_ = fs::temp_directory_path() / ("zarnu-faults-" + std::to_string(std::random_device{}()));
-    }
-    void TearDown() override { fs::remove_all(root_); }
-
     // A fresh, empty data folder.
     fs::path freshData(const std::string& name) {
-        const fs::path data = root_ / name;
+        const fs::path data = root_.path / name;
         fs::create_directories(data / "parts");
         return data;
     }
@@ -148,20 +136,19 @@ protected:
         EXPECT_TRUE(fs::is_empty(data / "parts" / "tmp"));
     }
 
-    fs::path root_;
+    TempDir root_;
     AccountId account_ = 0;
 };
 
 TEST_F(FaultInjectionTest, ACrashForgetsExactlyWhatWasNotSynced) {
     // The model itself: a file written but never synced, and a name whose folder was
     // never synced, are gone after a crash; a synced file in a synced folder stays.
-    fs::create_directories(root_);
     FaultInjectionEnv env;
-    const std::string kept = (root_ / "kept").string(), lost = (root_ / "lost").string();
+    const std::string kept = (root_.path / "kept").string(), lost = (root_.path / "lost").string();
     int fd = env.open(kept.c_str(), O_WRONLY | O_CREAT, 0600);
     ASSERT_EQ(env.write(fd, "durable", 7), 7);
     ASSERT_EQ(env.fsync(fd), 0);
-    ASSERT_EQ(env.fsyncDirectory(root_.c_str()), 0);
+    ASSERT_EQ(env.fsyncDirectory(root_.path.c_str()), 0);
     ASSERT_EQ(env.pwrite(fd, "lost", 4, 7), 4);
     env.close(fd);
     fd = env.open(lost.c_str(), O_WRONLY | O_CREAT, 0600);

@@ -4,6 +4,7 @@
 // bytes and recording the hold).
 
 #include "CloudService.h"
+#include "CloudTestSupport.h"
 #include "Fingerprint.h"
 #include "FolderPartStore.h"
 #include "PartBatch.h"
@@ -14,59 +15,51 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <filesystem>
 #include <random>
 #include <thread>
 
 namespace zarnu::cloud {
 namespace {
 
-namespace fs = std::filesystem;
-
 TEST(PartCollectorTest, NeverRemovesAPartAnUploadInFlightIsStoring) {
-    const fs::path dir = fs::temp_directory_path() / ("zarnu-collector-" + std::to_string(std::random_device{}()));
-    fs::create_directories(dir);
-    {
-        SqliteMetadataStore meta(dir / "meta.sqlite", 4);
-        FolderPartStore parts(dir / "parts");
-        Stats stats;
-        CloudService service(meta, parts, stats);
-        PartCollector collector(meta, parts, service.pins());
-        const AccountId alice = meta.createAccount("alice", "hash", 1000);
+    const test::TempDir dir;  // removed after everything below
+    SqliteMetadataStore meta(dir.path / "meta.sqlite", 4);
+    FolderPartStore parts(dir.path / "parts");
+    Stats stats;
+    CloudService service(meta, parts, stats);
+    PartCollector collector(meta, parts, service.pins());
+    const AccountId alice = meta.createAccount("alice", "hash", 1000);
 
-        std::atomic<bool> done{false};
-        std::atomic<std::uint64_t> removed{0};
-        std::thread collecting([&] {
-            // Past every file's grace, not past the holds' (those are not what is tested).
-            while (!done) removed += collector.collect(unixNow() + 2 * PartCollector::kFileGraceSeconds).partsRemoved;
-        });
-        std::atomic<int> lost{0};
-        auto upload = [&](unsigned seed) {
-            std::mt19937 gen(seed);
-            for (int i = 0; i < 150; ++i) {
-                std::string bytes(2000 + gen() % 2000, '\0');
-                for (char& c : bytes) c = static_cast<char>(gen());
-                service.uploadParts(alice, PartBatch::makeUpload({bytes}));
-                if (!parts.get(Fingerprint::of(bytes))) lost++;
-            }
-        };
-        std::thread first(upload, 1), second(upload, 2);
-        first.join();
-        second.join();
-        done = true;
-        collecting.join();
-        EXPECT_EQ(lost.load(), 0) << "acknowledged parts were collected";
-        EXPECT_EQ(removed.load(), 0u);
+    std::atomic<bool> done{false};
+    std::atomic<std::uint64_t> removed{0};
+    std::thread collecting([&] {
+        // Past every file's grace, not past the holds' (those are not what is tested).
+        while (!done) removed += collector.collect(unixNow() + 2 * PartCollector::kFileGraceSeconds).partsRemoved;
+    });
+    std::atomic<int> lost{0};
+    auto upload = [&](unsigned seed) {
+        std::mt19937 gen(seed);
+        for (int i = 0; i < 150; ++i) {
+            const std::string bytes = test::bytesOf(2000 + gen() % 2000, gen());
+            service.uploadParts(alice, PartBatch::makeUpload({bytes}));
+            if (!parts.get(Fingerprint::of(bytes))) lost++;
+        }
+    };
+    std::thread first(upload, 1), second(upload, 2);
+    first.join();
+    second.join();
+    done = true;
+    collecting.join();
+    EXPECT_EQ(lost.load(), 0) << "acknowledged parts were collected";
+    EXPECT_EQ(removed.load(), 0u);
 
-        // An unheld part file past its grace is collected; a held one is not.
-        const std::string orphan = "orphan bytes", kept = "kept bytes";
-        parts.put(Fingerprint::of(orphan), orphan);
-        service.uploadParts(alice, PartBatch::makeUpload({kept}));
-        EXPECT_EQ(collector.collect(unixNow() + 2 * PartCollector::kFileGraceSeconds).partsRemoved, 1u);
-        EXPECT_FALSE(parts.contains(Fingerprint::of(orphan)));
-        EXPECT_TRUE(parts.contains(Fingerprint::of(kept)));
-    }
-    fs::remove_all(dir);
+    // An unheld part file past its grace is collected; a held one is not.
+    const std::string orphan = "orphan bytes", kept = "kept bytes";
+    parts.put(Fingerprint::of(orphan), orphan);
+    service.uploadParts(alice, PartBatch::makeUpload({kept}));
+    EXPECT_EQ(collector.collect(unixNow() + 2 * PartCollector::kFileGraceSeconds).partsRemoved, 1u);
+    EXPECT_FALSE(parts.contains(Fingerprint::of(orphan)));
+    EXPECT_TRUE(parts.contains(Fingerprint::of(kept)));
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 // one, a batch that names a part twice writes it once.
 
 #include "Checksum.h"
+#include "CloudTestSupport.h"
 #include "FolderPartStore.h"
 #include "Fingerprint.h"
 
@@ -13,7 +14,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <set>
 #include <vector>
 
@@ -21,13 +21,7 @@ namespace zarnu::cloud {
 namespace {
 
 namespace fs = std::filesystem;
-
-std::string bytesOf(std::size_t size, unsigned seed) {
-    std::mt19937 gen(seed);
-    std::string out(size, '\0');
-    for (char& c : out) c = static_cast<char>(gen());
-    return out;
-}
+using test::bytesOf;
 
 std::string readSlice(const FileSlice& slice) {
     if (slice.bytes) return std::string(reinterpret_cast<const char*>(slice.bytes.get()), slice.size);
@@ -38,12 +32,6 @@ std::string readSlice(const FileSlice& slice) {
 
 class PartStoreTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        dir_ = fs::temp_directory_path() / ("zarnu-parts-test-" + std::to_string(std::random_device{}()));
-        store_ = std::make_unique<FolderPartStore>(dir_);
-    }
-    void TearDown() override { fs::remove_all(dir_); }
-
     void overwrite(const std::string& fingerprint, const std::string& bytes) {
         // Rewrites the file in place, as a failing disk would: its attributes stay.
         std::fstream f(store_->pathOf(fingerprint), std::ios::in | std::ios::out | std::ios::binary);
@@ -54,8 +42,8 @@ protected:
         return ::getxattr(store_->pathOf(fingerprint).c_str(), "user.zarnu.crc32c", value, sizeof value) == 4;
     }
 
-    fs::path dir_;
-    std::unique_ptr<FolderPartStore> store_;
+    test::TempDir dir_;
+    std::unique_ptr<FolderPartStore> store_ = std::make_unique<FolderPartStore>(dir_.path);
 };
 
 TEST(ChecksumTest, KnownValueAndPiecewiseEqualsWhole) {
@@ -71,7 +59,7 @@ TEST_F(PartStoreTest, PartsComeBackAsStoredAndABatchWritesEachOnce) {
     const std::string fa = Fingerprint::of(a), fb = Fingerprint::of(b);
     EXPECT_EQ(store_->putMany({{fa, a}, {fb, b}, {fa, a}}), (std::vector<bool>{true, true, false}));
     EXPECT_EQ(store_->putMany({{fb, b}}), std::vector<bool>{false});
-    EXPECT_TRUE(fs::is_empty(dir_ / "tmp"));
+    EXPECT_TRUE(fs::is_empty(dir_.path / "tmp"));
 
     auto slice = store_->open(fb);
     ASSERT_TRUE(slice);

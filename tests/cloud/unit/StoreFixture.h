@@ -2,30 +2,21 @@
 // A fresh SQLite metadata store in a temporary folder, with two accounts.
 
 #include "CloudPath.h"
+#include "CloudTestSupport.h"
 #include "Fingerprint.h"
 #include "SqliteMetadataStore.h"
 
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <memory>
-#include <random>
 
 namespace zarnu::cloud::test {
 
 class StoreFixture : public ::testing::Test {
 protected:
     void SetUp() override {
-        std::random_device rd;
-        dir_ = std::filesystem::temp_directory_path() / ("zarnu-cloud-test-" + std::to_string(rd()));
-        std::filesystem::create_directories(dir_);
-        store = std::make_unique<SqliteMetadataStore>(dir_ / "meta.sqlite", 2);
         alice = store->createAccount("alice", "hash", 1000);
         bob = store->createAccount("bob", "hash", 1000);
-    }
-    void TearDown() override {
-        store.reset();
-        std::filesystem::remove_all(dir_);
     }
 
     static std::string key(std::string_view path) { return CloudPath::keyOf(CloudPath::parse(path)); }
@@ -41,11 +32,9 @@ protected:
     }
     Entry folder(std::string_view path) { return store->makeFolder(alice, key(path), 2000); }
 
-    std::unique_ptr<SqliteMetadataStore> store;
+    TempDir dir_;  // first made, last removed
+    std::unique_ptr<SqliteMetadataStore> store = std::make_unique<SqliteMetadataStore>(dir_.path / "meta.sqlite", 2);
     AccountId alice = 0, bob = 0;
-
-private:
-    std::filesystem::path dir_;
 };
 
 }  // namespace zarnu::cloud::test

@@ -4,6 +4,7 @@ stopped by process id when the test ends. Skips, naming why, where FUSE cannot r
 import os
 import pathlib
 import shutil
+import signal
 import subprocess
 import sys
 import threading
@@ -12,7 +13,7 @@ import time
 import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
-from agent_support import bin_dir  # noqa: E402
+from agent_support import bin_dir, run_program, stop_process  # noqa: E402
 from sync_support import PASSWORD, USER, cloud  # noqa: E402,F401
 
 START_TIMEOUT = 30
@@ -36,11 +37,8 @@ class Zarnucmd:
         self.env = dict(os.environ, ZARNU_DATA=str(tmp_path / "data"), HOME=str(tmp_path))
         self.login = [f"-username={USER}", f"-password={PASSWORD}", f"-cloudAddress={cloud_url}"]
 
-    def command(self, *args):
-        return [str(bin_dir() / "zarnucmd"), *map(str, args), *self.login]
-
     def run(self, *args):
-        return subprocess.run(self.command(*args), capture_output=True, text=True, env=self.env, timeout=120)
+        return run_program("zarnucmd", *args, *self.login, env=self.env, timeout=120)
 
 
 class MountRun:
@@ -48,8 +46,8 @@ class MountRun:
 
     def __init__(self, zarnucmd, cloud_path, mount_point):
         self.mount_point = pathlib.Path(mount_point)
-        self.proc = subprocess.Popen(zarnucmd.command("Cloud", "mount", cloud_path, mount_point),
-                                     stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=zarnucmd.env)
+        self.proc = subprocess.Popen([str(bin_dir() / "zarnucmd"), "Cloud", "mount", str(cloud_path), str(mount_point),
+                                      *zarnucmd.login], stdout=subprocess.PIPE, stderr=subprocess.PIPE, env=zarnucmd.env)
         self.output = b""
         self.changed = threading.Condition()
         self.reader = threading.Thread(target=self._read, daemon=True)
@@ -82,9 +80,7 @@ class MountRun:
         return code, self.output.decode(), self.proc.stderr.read().decode()
 
     def stop(self):
-        if self.proc.poll() is None:
-            self.proc.kill()
-            self.proc.wait()
+        stop_process(self.proc, signal.SIGKILL)
         if is_mounted(self.mount_point):
             subprocess.run(["fusermount3", "-u", str(self.mount_point)], capture_output=True)
 

@@ -29,11 +29,9 @@ def tree(zarnucmd, tmp_path):
     for name, data in FILES.items():
         (local / name).write_bytes(data)
     assert zarnucmd.run("Cloud", "mkdir", "/docs/sub").returncode == 0
-    for name in FILES:
-        put = zarnucmd.run("Cloud", "put", local / name, "/docs/")
+    for name, folder in [*((name, "/docs/") for name in FILES), ("small.txt", "/docs/sub/")]:
+        put = zarnucmd.run("Cloud", "put", local / name, folder)
         assert put.returncode == 0, put.stderr
-    put = zarnucmd.run("Cloud", "put", local / "small.txt", "/docs/sub/")
-    assert put.returncode == 0, put.stderr
     return local
 
 

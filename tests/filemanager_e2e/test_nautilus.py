@@ -10,14 +10,13 @@ binding, ImageMagick (the screenshots) or xdotool (the clicks) are missing."""
 import glob
 import os
 import shutil
-import signal
 import subprocess
 
 import pytest
 
-from agent_support import bin_dir
+from agent_support import bin_dir, run_program
 from conftest import eventually, synced, write
-from ready import NotReady, first_lines
+from ready import NotReady, first_lines, stop_process
 
 SYNCED_BADGE_FILL = "#13a86b"  # the fill of emblem-zarnu-synced.svg, in no other part of the window
 TOOLS = {"Xvfb": "xvfb", "nautilus": "nautilus", "dbus-daemon": "dbus-daemon", "import": "imagemagick",
@@ -38,34 +37,20 @@ pytestmark = pytest.mark.skipif(bool(missing_packages()),
                                 reason=f"needs the Debian packages {', '.join(missing_packages())}")
 
 
-def read_line(proc, fd, what):
-    """The first line a started process writes to `fd` (it says it is ready)."""
-    try:
-        return first_lines(proc, 1, 30, fd)[0].strip()
-    except NotReady as e:
-        raise AssertionError(f"{what} {e}") from None
-
-
-def started(args, what, **kwargs):
-    """Starts a server that writes its address on a pipe (the fd replaces {fd} in args)."""
+def started(args, what):
+    """Starts a server that writes its address on a pipe (the fd replaces {fd} in args) once it is
+    ready; returns the process and that line."""
     read_end, write_end = os.pipe()
     proc = subprocess.Popen([a.replace("{fd}", str(write_end)) for a in args], pass_fds=(write_end,),
-                            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, **kwargs)
+                            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     os.close(write_end)
     try:
-        return proc, read_line(proc, read_end, what)
+        return proc, first_lines(proc, 1, 30, read_end)[0].strip()
+    except NotReady as e:
+        stop_process(proc)
+        raise AssertionError(f"{what} {e}") from None
     finally:
         os.close(read_end)
-
-
-def stop(proc):
-    if proc.poll() is None:
-        os.kill(proc.pid, signal.SIGTERM)
-    try:
-        proc.wait(timeout=30)
-    except subprocess.TimeoutExpired:
-        os.kill(proc.pid, signal.SIGKILL)
-        proc.wait()
 
 
 @pytest.fixture
@@ -85,7 +70,7 @@ def desktop(tmp_path):
                "GIO_USE_VFS": "local"}
     finally:
         for proc in reversed(procs):
-            stop(proc)
+            stop_process(proc)
 
 
 def badges(env, shot, measure="%[fx:round(mean*w*h)]"):
@@ -113,8 +98,7 @@ def test_nautilus_shows_the_synced_badge(agent, desktop, tmp_path):
     for name in ("XDG_DATA_HOME", "XDG_CONFIG_HOME", "XDG_CACHE_HOME", "WAYLAND_DISPLAY"):
         env.pop(name, None)
     env.update(desktop)
-    r = subprocess.run([str(bin_dir() / "zarnucmd"), "Overlay", "install"], env=env, capture_output=True, text=True,
-                       timeout=60)
+    r = run_program("zarnucmd", "Overlay", "install", env=env)
     assert r.returncode == 0, r.stderr
     assert f"Installed {agent.home}/.local/share/nautilus-python/extensions/zarnu_overlay_extension.py" in r.stdout
 
@@ -142,4 +126,4 @@ def test_nautilus_shows_the_synced_badge(agent, desktop, tmp_path):
         eventually(lambda: f"Public link for {agent.root / 'report.txt'}: " in agent.log(), timeout=60,
                    what="the menu's command to reach the agent")
     finally:
-        stop(nautilus)
+        stop_process(nautilus)

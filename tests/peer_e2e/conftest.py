@@ -9,6 +9,7 @@ import pathlib
 import queue
 import select
 import shutil
+import signal
 import subprocess
 import sys
 import threading
@@ -18,7 +19,7 @@ import uuid
 import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent))
-from agent_support import AgentProcess, agent_env, bin_dir  # noqa: E402
+from agent_support import AgentProcess, agent_env, bin_dir, stop_process  # noqa: E402
 
 DISCOVERY_ON = {"ZARNU_PEER_DISCOVERY": "on"}
 BANNER = "Scanning for zarnu clients... (press any key to stop)"
@@ -148,9 +149,7 @@ class PeerScan:
         return code, self.proc.stderr.read()
 
     def kill(self):
-        if self.proc.poll() is None:
-            self.proc.kill()
-            self.proc.wait()
+        stop_process(self.proc, signal.SIGKILL)
 
 
 @pytest.fixture

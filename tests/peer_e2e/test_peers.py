@@ -8,8 +8,8 @@ import subprocess
 import termios
 import time
 
-from conftest import ADDRESS, BANNER, DISCOVERY_ON, env_for
-from agent_support import AgentProcess, CloudProcess, add_user, bin_dir, link_agent
+from conftest import ADDRESS, BANNER, env_for
+from agent_support import CloudProcess, add_user, bin_dir, link_agent, run_program, stop_process
 
 # An agent present shows up within two seconds.
 ARRIVAL = 2.0
@@ -107,21 +107,17 @@ input()
         subprocess.run(["ip", "netns", "del", lonely])
 
 
-def test_a_linked_agent_shows_its_user(lan, scan, tmp_path):
+def test_a_linked_agent_shows_its_user(lan, scan, agent_in, tmp_path):
     cloud = CloudProcess(tmp_path / "cloud", prefix=lan.run_in("a")).start()
     try:
         add_user(cloud.data_dir, "alice", "pw-alice")
         env = env_for(tmp_path, "linked")
         link = link_agent(env, "alice", "pw-alice", tmp_path / "linked" / "root", cloud.url, prefix=lan.run_in("a"))
         assert link.returncode == 0, link.stderr
-        agent = AgentProcess(tmp_path / "linked" / "data", tmp_path / "linked", prefix=lan.run_in("a"),
-                             env=DISCOVERY_ON).start()
-        try:
-            watcher = scan("b")
-            watcher.wait_for(shows_agent(ADDRESS["a"], "alice"), ARRIVAL, "the linked user")
-            assert watcher.stop()[0] == 0
-        finally:
-            agent.stop()
+        agent_in("a", "linked")
+        watcher = scan("b")
+        watcher.wait_for(shows_agent(ADDRESS["a"], "alice"), ARRIVAL, "the linked user")
+        assert watcher.stop()[0] == 0
     finally:
         cloud.stop()
 
@@ -133,27 +129,12 @@ def test_hostile_packets_neither_crash_nor_flood_the_list(lan, scan, agent_in):
     # The flood comes from an address of its own, so the real agent's answers
     # are not charged to it.
     lan.add_address("a", "10.77.0.3")
-    flood = subprocess.run([*lan.run_in("a"), "python3", "-c", f"""
-import json, socket, struct
-s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-s.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
-s.bind(("10.77.0.3", 0))
-def packet(kind, body, version=1, sender=7):
-    return b"ZRNP" + struct.pack(">BBHQ", version, kind, len(body), sender) + body
-def announce(i, **fields):
-    doc = {{"device": "%032x" % (i + 1), "host": "fake%d" % i, "user": "", "version": "1"}}
-    doc.update(fields)
-    return packet(3, json.dumps(doc).encode(), sender=1000 + i)
-bad = [b"", b"ZRNP", packet(3, b"{{}}", version=2), packet(9, b"{{}}"), packet(3, b"not json"),
+    send_from(lan, "10.77.0.3", """
+bad = [b"", b"ZRNP", packet(3, {}, version=2), packet(9, {}), packet(3, b"not json"),
        packet(3, b"x" * 2000), b"ZRNQ" + bytes(40), announce(0, host="\\x1b[2Jclear"),
        announce(0, device="../../etc"), packet(1, b"")[:-2]]
-for target in ("10.77.0.2", "10.77.0.255"):
-    for p in bad:
-        s.sendto(p, (target, {PEER_PORT}))
-for i in range(5000):
-    s.sendto(announce(i), ("10.77.0.2", {PEER_PORT}))
-"""], capture_output=True, text=True, timeout=60)
-    assert flood.returncode == 0, flood.stderr
+out = [(p, target) for target in ("10.77.0.2", "10.77.0.255") for p in bad] + [announce(i) for i in range(5000)]
+""")
 
     # The scan still runs, still lists the real agent, and let only a bounded
     # share of the 5,000 made-up peers in.
@@ -168,19 +149,26 @@ for i in range(5000):
 
 
 def send_from(lan, address, packets):
-    """Sends made-up discovery packets from `address` (an address of side a) to side b's
-    port. `packets` is Python building a list named `out` from packet(kind, doc, sender)."""
+    """Sends made-up discovery packets from `address` (an address of side a). `packets` is Python
+    building a list named `out` of packets for side b's port, or of (packet, address) pairs, from
+    packet(kind, body, sender, version) (body a dict or bytes) and announce(i, **fields)."""
     sent = subprocess.run([*lan.run_in("a"), "python3", "-c", f"""
 import json, socket, struct
 s = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+s.setsockopt(socket.SOL_SOCKET, socket.SO_BROADCAST, 1)
 s.bind(("{address}", 0))
-def packet(kind, doc, sender):
-    body = json.dumps(doc).encode()
-    return b"ZRNP" + struct.pack(">BBHQ", 1, kind, len(body), sender) + body
+def packet(kind, body, sender=7, version=1):
+    body = body if isinstance(body, bytes) else json.dumps(body).encode()
+    return b"ZRNP" + struct.pack(">BBHQ", version, kind, len(body), sender) + body
+def announce(i, **fields):
+    doc = {{"device": "%032x" % (i + 1), "host": "fake%d" % i, "user": "", "version": "1"}}
+    doc.update(fields)
+    return packet(3, doc, sender=1000 + i)
 out = []
 {packets}
 for p in out:
-    s.sendto(p, ("10.77.0.2", {PEER_PORT}))
+    p, target = p if isinstance(p, tuple) else (p, "10.77.0.2")
+    s.sendto(p, (target, {PEER_PORT}))
 """], capture_output=True, text=True, timeout=60)
     assert sent.returncode == 0, sent.stderr
 
@@ -233,9 +221,7 @@ def run_on_terminal(lan, tmp_path, keys):
         os.write(controller, keys)
         code = proc.wait(timeout=10)
     finally:
-        if proc.poll() is None:
-            proc.kill()
-            proc.wait()
+        stop_process(proc, signal.SIGKILL)
     after = termios.tcgetattr(terminal)
     os.close(controller)
     os.close(terminal)
@@ -254,10 +240,8 @@ def test_on_a_terminal_one_key_ends_the_scan_and_the_mode_comes_back(lan, tmp_pa
 
 def test_send_checks_its_words_and_sends_nothing(lan, tmp_path):
     env = env_for(tmp_path, "send")
-    zarnucmd = [*lan.run_in("b"), str(bin_dir() / "zarnucmd"), "Peer", "send"]
-    done = subprocess.run([*zarnucmd, "report.txt", "alice-laptop"], capture_output=True, text=True, env=env,
-                          timeout=30)
+    done = run_program("zarnucmd", "Peer", "send", "report.txt", "alice-laptop", env=env, prefix=lan.run_in("b"))
     assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
-    missing = subprocess.run([*zarnucmd, "report.txt"], capture_output=True, text=True, env=env, timeout=30)
+    missing = run_program("zarnucmd", "Peer", "send", "report.txt", env=env, prefix=lan.run_in("b"))
     assert missing.returncode == 47
     assert missing.stderr == "zarnucmd: A required argument is missing: peer name (error 47)\n"

@@ -70,6 +70,14 @@ class CloudProcess:
     def client(self, **kwargs):
         return CloudClient(self.url, **kwargs)
 
+    def account(self, name, password):
+        """Adds the account `name` and returns a client logged in to it (its `name` set)."""
+        add_user(self.data_dir, name, password)
+        client = self.client()
+        client.login(name, password)
+        client.name = name
+        return client
+
     def operator_token(self):
         """The operator credential the service made in its data folder."""
         return (self.data_dir / "operator.token").read_text().strip()

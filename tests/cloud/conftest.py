@@ -20,7 +20,7 @@ import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 
-from cloudservice import CloudProcess, add_user  # noqa: E402
+from cloudservice import CloudProcess  # noqa: E402
 
 
 @pytest.fixture
@@ -60,11 +60,7 @@ def new_account(cloud_server):
     clients = []
 
     def make(password="correct horse"):
-        name = f"user{next(_names)}"
-        add_user(cloud_server.data_dir, name, password)
-        client = cloud_server.client()
-        client.login(name, password)
-        client.name = name
+        client = cloud_server.account(f"user{next(_names)}", password)
         clients.append(client)
         return client
 

@@ -6,7 +6,6 @@ import time
 import pytest
 
 from cloudclient import CloudError
-from cloudservice import add_user
 
 
 def feed(client, cursor="", **fields):
@@ -106,9 +105,7 @@ def test_long_polls_wake_on_a_change_and_time_out_with_the_same_cursor(new_accou
 
 def test_sigterm_ends_a_held_poll(cloud_factory):
     proc = cloud_factory()
-    add_user(proc.data_dir, "poller", "pw")
-    client = proc.client()
-    client.login("poller", "pw")
+    client = proc.account("poller", "pw")
     cursor = feed(client)["cursor"]
     outcome = {}
 

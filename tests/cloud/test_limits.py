@@ -9,9 +9,7 @@ import threading
 import time
 import urllib.parse
 
-import pytest
-
-from cloudservice import CloudProcess, add_user
+from cloudservice import CloudProcess
 
 # How long the tests wait for the service to react; the service's own limits that the
 # tests meet are shorter (10 s), and its idle time-out (60 s) longer, so this only ends a
@@ -105,9 +103,7 @@ def test_credential_is_checked_before_a_large_body(cloud_server, new_account):
 
 def test_slow_senders_are_cut_off_while_others_are_served(cloud_factory):
     proc = cloud_factory()
-    add_user(proc.data_dir, "patient", "pw")
-    client = proc.client()
-    client.login("patient", "pw")
+    client = proc.account("patient", "pw")
     token = client.token
 
     # A header that never ends, and a body that trickles in at a few bytes a second.
@@ -173,9 +169,7 @@ def test_at_the_cap_idle_connections_make_room_and_busy_ones_are_kept(cloud_fact
     # until one of them has its answer. (An upload that announced its body is in its
     # request once "100 Continue" came back, and stays so until the body is sent.)
     proc = cloud_factory(tmp_path / "capped-busy", "--listen", "127.0.0.1:0", "--http", "--max-connections", "3")
-    add_user(proc.data_dir, "uploader", "pw")
-    client = proc.client()
-    client.login("uploader", "pw")
+    client = proc.account("uploader", "pw")
     client.close()
     body = client.upload_body([b"u" * 100000])
     busy = []

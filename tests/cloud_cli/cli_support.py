@@ -16,12 +16,8 @@ class Account:
     """A user of the service, logged in through the API (for uploads and tokens)."""
 
     def __init__(self, service, name, password):
-        add_user(service.data_dir, name, password)
-        self.service = service
-        self.name = name
-        self.password = password
-        self.api = service.client()
-        self.api.login(name, password)
+        self.service, self.name, self.password = service, name, password
+        self.api = service.account(name, password)
         self.token = self.api.token
 
     def token_options(self, username=None):

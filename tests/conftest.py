@@ -9,6 +9,7 @@ import subprocess
 
 import pytest
 
+from agent_support import agent_env
 from ready import bin_dir  # noqa: F401  (the suites import it from here)
 
 # Agents and engines started by the suites stay off the machine's network; the
@@ -36,8 +37,4 @@ class ZarnuCmd:
 def zarnucmd(tmp_path):
     """A zarnucmd runner whose data folder ($ZARNU_DATA) is a fresh temporary folder."""
     data = tmp_path / "zarnu-data"
-    env = dict(os.environ)
-    env["ZARNU_DATA"] = str(data)
-    env["HOME"] = str(tmp_path)
-    env.pop("ZARNU_CLOUD_ADDRESS", None)
-    return ZarnuCmd(data, env)
+    return ZarnuCmd(data, agent_env(data, tmp_path))

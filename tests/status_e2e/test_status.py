@@ -2,10 +2,11 @@
 patterns and missing paths, laid out in exact columns, and watch mode."""
 import os
 import selectors
+import signal
 import subprocess
 import time
 
-from agent_support import bin_dir
+from agent_support import bin_dir, stop_process
 from conftest import cloud_tree, eventually, write
 
 
@@ -94,9 +95,7 @@ def test_watch_prints_changes_only_and_ends_on_enter(agent, zarnucmd):
         proc.stdin.flush()
         assert proc.wait(30) == 0
     finally:
-        if proc.poll() is None:
-            proc.kill()
-            proc.wait()
+        stop_process(proc, signal.SIGKILL)
 
 
 def test_enter_ends_a_long_watch_period_at_once(agent, zarnucmd):

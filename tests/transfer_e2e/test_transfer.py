@@ -12,6 +12,7 @@ import subprocess
 
 import pytest
 
+from ready import stop_process
 from small_disk import small_tmpfs
 from transfer_support import MIB, fingerprints_of, pseudo_random
 
@@ -136,9 +137,7 @@ def put_interrupted(cloud, src, folder, progress_lines, action):
         os.kill(proc.pid, signal.SIGCONT)
         _, err = proc.communicate(timeout=60)
     finally:
-        if proc.poll() is None:
-            proc.kill()
-            proc.wait()
+        stop_process(proc, signal.SIGKILL)
     return proc.returncode, err
 
 

@@ -14,7 +14,6 @@
 #include "CloudSync/Transfer/YPartUploader.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -32,6 +31,7 @@
 
 #include "CloudSync/YCloudApi.h"
 #include "Qel/Crypto/YBbsHash.h"
+#include "Qel/File/PageCache.h"
 #include "Qel/Exception/YError.h"
 
 namespace CloudSync {
@@ -55,22 +55,14 @@ bool SameVersion(const struct stat &a, const struct stat &b) {
 }
 
 // Which batches of the open file `fd` (of `size` bytes) the page cache holds
-// whole, one flag per batch; all false where the kernel does not say.
+// whole, one flag per batch.
 std::vector<bool> CachedBatches(int fd, uint64_t size) {
-  std::vector<bool> cached((size + kBatchBytes - 1) / kBatchBytes, false);
-  if (size == 0) return cached;
-  void *map = ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);  // never touched: no page comes in
-  if (map == MAP_FAILED) return cached;
-  const size_t page = static_cast<size_t>(::sysconf(_SC_PAGESIZE));
-  std::vector<unsigned char> resident(kBatchBytes / page + 1);
+  std::vector<bool> cached((size + kBatchBytes - 1) / kBatchBytes);
   for (size_t b = 0; b < cached.size(); ++b) {
     const uint64_t start = b * kBatchBytes;
     const size_t bytes = static_cast<size_t>(std::min<uint64_t>(kBatchBytes, size - start));
-    if (::mincore(static_cast<char *>(map) + start, bytes, resident.data()) != 0) break;
-    const auto end = resident.begin() + static_cast<std::ptrdiff_t>((bytes + page - 1) / page);
-    cached[b] = std::all_of(resident.begin(), end, [](unsigned char r) { return (r & 1) != 0; });
+    cached[b] = Qel::File::PageCacheHoldsWhole(fd, start, bytes);
   }
-  ::munmap(map, size);
   return cached;
 }
 

@@ -4,13 +4,14 @@
 #include "Fingerprint.h"
 #include "Secrets.h"
 
+#include "Qel/File/PageCache.h"
+
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -311,21 +312,6 @@ std::shared_ptr<unsigned char> FolderPartStore::readDirect(int fd, std::size_t s
     return done == size ? block : nullptr;
 }
 
-namespace {
-
-// Whether the page cache holds every page of the file's first `size` bytes.
-bool cachedWhole(int fd, std::size_t size) {
-    void* map = ::mmap(nullptr, size, PROT_READ, MAP_SHARED, fd, 0);
-    if (map == MAP_FAILED) return false;
-    std::vector<unsigned char> pages((size + kPage - 1) / kPage);
-    const bool whole = ::mincore(map, size, pages.data()) == 0 &&
-                       std::all_of(pages.begin(), pages.end(), [](unsigned char p) { return (p & 1) != 0; });
-    ::munmap(map, size);
-    return whole;
-}
-
-}  // namespace
-
 std::optional<FileSlice> FolderPartStore::open(std::string_view fingerprint) {
     std::optional<FileSlice> file = openFile(fingerprint);
     if (!file) return std::nullopt;
@@ -333,7 +319,7 @@ std::optional<FileSlice> FolderPartStore::open(std::string_view fingerprint) {
     // A part the page cache already holds is checked and sent from there. Any other is
     // read past the cache into a block that is used again and again: no fresh page-cache
     // pages to fill, and the cache keeps what it held.
-    if (!cachedWhole(file->fd.get(), size)) {
+    if (!Qel::File::PageCacheHoldsWhole(file->fd.get(), 0, size)) {
         if (std::shared_ptr<unsigned char> block = readDirect(file->fd.get(), size)) {
             if (!intact(env_, file->fd.get(), fingerprint, {reinterpret_cast<const char*>(block.get()), size})) {
                 quarantine(fingerprint, file->fd.get());

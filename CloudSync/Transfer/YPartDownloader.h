@@ -7,9 +7,9 @@
 // batches coming (two per connection at most, in buffers kept for the whole
 // download), the calling thread checks them in file order, several at once,
 // and one writer thread puts them into the file in order, straight to the
-// disk where the file system allows it. The file always holds a
-// prefix of the checked parts: a failure leaves nothing after a part that did
-// not arrive, did not match or could not be written (a full disk).
+// disk where the file system allows it. The file always holds a prefix of the
+// checked parts: a failure leaves nothing after a part that did not arrive,
+// did not match or could not be written (a full disk).
 //
 // Thread-safety: one Download at a time per object; each connection is used
 // by one thread only.
@@ -35,13 +35,12 @@ class YPartDownloader {
   // file order to `fd` from offset 0, with positional writes. Whole pages go
   // to the disk directly (O_DIRECT through a second descriptor of the same
   // file) where the file system allows it, the rest through the page cache.
-  // Raises 162 when the listed parts
-  // do not add up to the entry's size or the cloud lacks one, 169 for a part
-  // whose bytes do not match, 65 when `cancelled` says so, the OS error of a
-  // failed write (ENOSPC for a full disk). `progress` is called before each
-  // batch is written. Neither syncs nor closes `fd`; on failure the file
-  // holds the parts before the first one that failed, and is cut there when a
-  // write failed.
+  // Raises 162 when the listed parts do not add up to the entry's size or the
+  // cloud lacks one, 169 for a part whose bytes do not match, 65 when
+  // `cancelled` says so, the OS error of a failed write (ENOSPC for a full
+  // disk). `progress` is called before each batch is written. Neither syncs
+  // nor closes `fd`; on failure the file holds the parts before the first one
+  // that failed, and is cut there when a write failed.
   void Download(const MetadataInfo &entry, int fd, const TransferProgressFn &progress = {},
                 const TransferCancelFn &cancelled = {});
 

@@ -14,10 +14,12 @@
 #include "CloudSync/Transfer/YPartDownloader.h"
 
 #include <fcntl.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <climits>
 #include <condition_variable>
 #include <deque>
 #include <exception>
@@ -42,6 +44,10 @@ namespace {
 constexpr const char *kFile = "CloudSync/Transfer/YPartDownloader";
 constexpr size_t kBuffersPerFetcher = 2;  // one being filled, one checked or written
 constexpr size_t kCheckedTogether = 16;  // parts whose fingerprints are computed in one go
+// Checked batches that go to the disk in one call when they are waiting: the
+// disk takes 3 MiB at once faster than three writes of 1 MiB, while the other
+// buffers keep the fetchers busy.
+constexpr size_t kWrittenTogether = 3;
 
 using Qel::YString;
 
@@ -105,6 +111,23 @@ class PartWriter {
     if (!WriteAll(fd_, bytes, size, offset)) Fail();
   }
 
+  // Writes `pieces`, which lie back to back in the file from `offset`: one
+  // call to the disk for all of them when every piece is whole pages,
+  // otherwise one Write each.
+  void WriteRun(const std::vector<iovec> &pieces, uint64_t offset) {
+    bool aligned = direct_ >= 0;
+    for (const iovec &piece : pieces)
+      aligned = aligned && Aligned(static_cast<const unsigned char *>(piece.iov_base), piece.iov_len, offset);
+    if (aligned && pieces.size() > 1) {
+      if (WriteAllV(direct_, pieces, offset)) return;
+      if (errno != EINVAL) Fail();
+    }
+    for (const iovec &piece : pieces) {
+      Write(static_cast<const unsigned char *>(piece.iov_base), piece.iov_len, offset);
+      offset += piece.iov_len;
+    }
+  }
+
   // Cuts the file back to `size` bytes (after a failed write); best effort.
   void CutAt(uint64_t size) { (void)::ftruncate(fd_, static_cast<off_t>(size)); }
 
@@ -121,6 +144,26 @@ class PartWriter {
       if (n < 0 && errno == EINTR) continue;
       if (n < 0) return false;
       done += static_cast<size_t>(n);
+    }
+    return true;
+  }
+
+  static bool WriteAllV(int fd, std::vector<iovec> pieces, uint64_t offset) {
+    size_t first = 0;
+    while (first < pieces.size()) {
+      const int count = static_cast<int>(std::min<size_t>(pieces.size() - first, IOV_MAX));
+      const ssize_t n = ::pwritev(fd, pieces.data() + first, count, static_cast<off_t>(offset));
+      if (n < 0 && errno == EINTR) continue;
+      if (n < 0) return false;
+      offset += static_cast<uint64_t>(n);
+      for (size_t left = static_cast<size_t>(n); left > 0;) {  // past what was written
+        const size_t step = std::min(left, pieces[first].iov_len);
+        pieces[first].iov_base = static_cast<char *>(pieces[first].iov_base) + step;
+        pieces[first].iov_len -= step;
+        left -= step;
+        if (pieces[first].iov_len == 0) ++first;
+      }
+      while (first < pieces.size() && pieces[first].iov_len == 0) ++first;
     }
     return true;
   }
@@ -305,44 +348,53 @@ class Pipeline {
     }
   }
 
-  // The writer thread: takes checked batches in order, writes each, then frees
-  // its buffer; after a failed write it only gives buffers back.
+  // The writer thread: takes checked batches in order, several at once when
+  // they are waiting (one call to the disk for all of them), writes them,
+  // then frees their buffers; after a failed write it only gives buffers back.
   void Write() {
     while (true) {
-      Checked c;
+      std::vector<Checked> group;
       {
         std::unique_lock<std::mutex> lock(mutex_);
         wake_.wait(lock, [&] { return stop_ || !to_write_.empty(); });
         if (to_write_.empty()) return;  // stopped, and nothing left to write
-        c = to_write_.front();
-        to_write_.pop_front();
+        while (!to_write_.empty() && group.size() < kWrittenTogether) {
+          group.push_back(to_write_.front());
+          to_write_.pop_front();
+        }
       }
       // Only this thread sets write_error_; after it, batches go back unwritten.
       if (!write_error_) {
         try {
-          WriteBatch(c);
+          WriteGroup(group);
         } catch (...) {
           std::lock_guard<std::mutex> lock(mutex_);
           write_error_ = std::current_exception();
-          failed_write_ = c.index;
+          failed_write_ = group.front().index;
           stop_ = true;
         }
       }
       {
         std::lock_guard<std::mutex> lock(mutex_);
-        buffers_[c.where.fetcher][c.where.slot].busy = false;
+        for (const Checked &c : group) buffers_[c.where.fetcher][c.where.slot].busy = false;
       }
       wake_.notify_all();
     }
   }
 
-  void WriteBatch(const Checked &c) {
-    const YPartsBuffer &buffer = *buffers_[c.where.fetcher][c.where.slot].buffer;
-    for (const PartPtr &part : batches_[c.index].parts) {
-      size_t size = 0;
-      const unsigned char *bytes = buffer.Find(part->fingerprint, size);
-      writer_.Write(bytes, size, part->offset);
+  // Batches come in file order, so their parts lie back to back from the
+  // first one's offset.
+  void WriteGroup(const std::vector<Checked> &group) {
+    std::vector<iovec> pieces;
+    for (const Checked &c : group) {
+      const YPartsBuffer &buffer = *buffers_[c.where.fetcher][c.where.slot].buffer;
+      for (const PartPtr &part : batches_[c.index].parts) {
+        size_t size = 0;
+        const unsigned char *bytes = buffer.Find(part->fingerprint, size);
+        pieces.push_back({const_cast<unsigned char *>(bytes), size});
+      }
     }
+    writer_.WriteRun(pieces, batches_[group.front().index].offset);
   }
 
   const MetadataInfo &entry_;

@@ -9,7 +9,7 @@
 //   written, so a fetcher never refills a buffer still in use.
 // - The first failure (fetch, check, write, cancel) sets `stop`; nothing
 //   after the failing batch is queued. Every batch before it is written; when
-//   a write failed, the file is cut back to the batches before it (no part
+//   a write failed, the file is cut back to where that write began (no part
 //   half written is kept), then the failure is raised on the calling thread.
 #include "CloudSync/Transfer/YPartDownloader.h"
 

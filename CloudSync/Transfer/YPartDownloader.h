@@ -39,8 +39,8 @@ class YPartDownloader {
   // cloud lacks one, 169 for a part whose bytes do not match, 65 when
   // `cancelled` says so, the OS error of a failed write (ENOSPC for a full
   // disk). `progress` is called before each batch is written. Neither syncs
-  // nor closes `fd`; on failure the file holds the parts before the first one
-  // that failed, and is cut there when a write failed.
+  // nor closes `fd`; on failure the file holds only parts before the first one
+  // that failed: when a write failed, it is cut back to where that write began.
   void Download(const MetadataInfo &entry, int fd, const TransferProgressFn &progress = {},
                 const TransferCancelFn &cancelled = {});
 

@@ -33,6 +33,26 @@ def test_a_download_cut_off_after_its_rename_is_not_taken_for_a_new_file(make_ag
     eventually(lambda: local_tree(agent.root)[0] == {} and cloud_tree(client) == {})
 
 
+def test_an_upload_cut_off_after_the_clouds_create_is_not_brought_back(make_agent, client):
+    # The state a crash leaves between the cloud's create and the base: the cloud has the
+    # file and only the sending journal knows it went up from here. Deleted here while the
+    # agent is down, it goes from the cloud too instead of coming back down.
+    agent = make_agent()
+    write(agent.root / "went-up.txt", b"from here")
+    eventually(lambda: cloud_tree(client) == {"went-up.txt": b"from here"})
+    assert agent.stop() == 0
+    db = sqlite3.connect(agent.data / "sync.db")
+    with db:
+        db.execute("INSERT INTO sending SELECT path, b.size, mtime_ns, inode, parts, 0 "
+                   "FROM base b JOIN remote USING (path) WHERE path = 'went-up.txt'")
+        db.execute("DELETE FROM base WHERE path = 'went-up.txt'")
+    db.close()
+    (agent.root / "went-up.txt").unlink()
+
+    agent.start()
+    eventually(lambda: cloud_tree(client) == {} and local_tree(agent.root)[0] == {})
+
+
 def test_sigkill_while_syncing_both_ways_loses_nothing(make_agent, client):
     agent = make_agent(start=False)
     rng = random.Random(os.environ.get("ZARNU_CRASH_SEED", "7"))

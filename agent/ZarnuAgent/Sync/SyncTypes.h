@@ -53,6 +53,14 @@ struct BaseItem {
   uint64_t cloudId = 0;
 };
 
+// An upload about to create its cloud file: the local file as it was read
+// (cloudId 0) and the parts it was cut into.
+struct SendingItem {
+  BaseItem local;
+  std::vector<CloudPart> parts;
+  uint64_t run = 0;  // the YSyncIndex::Run of the agent start that journalled it
+};
+
 inline Qel::YString ToCloudPath(const Qel::YString& relative) { return "/" + relative; }
 
 // The relative path's parent ("" for top-level items).

@@ -42,6 +42,11 @@ std::optional<LocalItem> StatLocal(const Qel::YString& absolute) {
                    static_cast<uint64_t>(st.st_ino)};
 }
 
+// The cloud time of a file whose local mtime is `mtimeNs`: whole seconds.
+int64_t ModifiedSeconds(int64_t mtimeNs) {
+  return mtimeNs >= 0 ? mtimeNs / 1000000000 : -((-mtimeNs + 999999999) / 1000000000);
+}
+
 BaseItem BaseOf(const LocalItem& local, uint64_t cloudId) {
   return BaseItem{local.folder, local.size, local.mtimeNs, local.inode, cloudId};
 }
@@ -71,6 +76,12 @@ Qel::YString ConflictName(const Qel::YString& path) {
   ::localtime_r(&now, &tm);
   std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H%M%S", &tm);
   return folder + name.substr(0, dot) + " (conflict copy " + stamp + ")" + name.substr(dot);
+}
+
+// Whether `cloud` is the file an upload journalled as `sent` created: the
+// same parts, and the time the upload gave it (the local file's, in seconds).
+bool IsCloudCopyOf(const RemoteItem& cloud, const SendingItem& sent) {
+  return !cloud.folder && cloud.parts == sent.parts && cloud.modified == ModifiedSeconds(sent.local.mtimeNs);
 }
 
 Qel::YString TempName() {
@@ -141,6 +152,24 @@ void YReconciler::SettleLandings() {
   }
 }
 
+void YReconciler::SettleSendings(const std::map<Qel::YString, RemoteItemPtr>& remote) {
+  const bool caughtUp = ctx_.view->HasCaughtUp();
+  for (const auto& [path, sent] : ctx_.index->LoadSendings()) {
+    const auto r = remote.find(path);
+    if (r != remote.end() && IsCloudCopyOf(*r->second, sent)) {
+      ctx_.index->RunInTransaction([&] {
+        PutBase(path, BaseOf(LocalItem{false, sent.local.size, sent.local.mtimeNs, sent.local.inode}, r->second->id));
+        ctx_.index->RemoveSending(path);
+      });
+    } else if (caughtUp && sent.run != ctx_.index->Run()) {
+      // Left by an earlier start, and the view holds all the cloud had when
+      // this one began: the create never happened, or another client's
+      // version replaced it; the path is decided like any other.
+      ctx_.index->RemoveSending(path);
+    }
+  }
+}
+
 YReconciler::Action YReconciler::Decide(const Item& item) const {
   const LocalItem* l = item.local;
   const RemoteItem* r = item.remote.get();
@@ -185,6 +214,7 @@ YReconciler::Outcome YReconciler::Run(const LocalScan& scan) {
   // Every path any side knows, in byte order: parents come before children.
   std::set<Qel::YString> paths;
   SettleLandings();
+  SettleSendings(remote);
   for (const auto& [path, item] : scan.items) paths.insert(path);
   for (const auto& [path, item] : remote) paths.insert(path);
   for (const auto& [path, item] : *ctx_.base) paths.insert(path);
@@ -349,20 +379,34 @@ void YReconciler::Upload(const Item& item) {
   CloudSync::YPartUploader uploader(ctx_.senders);
   struct stat st {};
   const CloudSync::PartList parts = uploader.Upload(absolute, ShowProgress(item.path), ctx_.stopping, &st);
+  const LocalItem uploaded{false, static_cast<uint64_t>(st.st_size),
+                           static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec,
+                           static_cast<uint64_t>(st.st_ino)};
+  SendingItem sending{BaseOf(uploaded, 0), {}};
+  for (const CloudSync::PartPtr& part : parts) sending.parts.push_back({part->fingerprint, part->size});
+  // Journalled before the cloud has the file: should the agent die before the
+  // base is written, the next start knows the cloud file came from here (and
+  // a local delete meanwhile is not undone by bringing it back).
+  ctx_.index->PutSending(item.path, sending);
   const uint64_t ifVersion = item.remote ? item.remote->id : 0;
-  const CloudSync::MetadataPtr entry =
-      ctx_.api->CreateFileIf(ToCloudPath(item.path), parts, static_cast<int64_t>(st.st_mtim.tv_sec), ifVersion);
+  CloudSync::MetadataPtr entry;
+  try {
+    entry = ctx_.api->CreateFileIf(ToCloudPath(item.path), parts, ModifiedSeconds(sending.local.mtimeNs), ifVersion);
+  } catch (const Qel::Exception::YError& e) {
+    // The service answered no: the cloud has no such file. Without an answer
+    // it may have, and the journal stays for the next pass to settle.
+    if (!IsCloudDown(e)) ctx_.index->RemoveSending(item.path);
+    throw;
+  }
   auto remote = std::make_shared<RemoteItem>();
   remote->id = entry->id;
   remote->size = entry->size;
   remote->modified = entry->modified;
-  for (const CloudSync::PartPtr& part : parts) remote->parts.push_back({part->fingerprint, part->size});
-  const LocalItem uploaded{false, static_cast<uint64_t>(st.st_size),
-                           static_cast<int64_t>(st.st_mtim.tv_sec) * 1000000000 + st.st_mtim.tv_nsec,
-                           static_cast<uint64_t>(st.st_ino)};
+  remote->parts = sending.parts;
   ctx_.index->RunInTransaction([&] {
     ctx_.view->RecordOwnWrite(item.path, remote, 0, entry->changeSeq);
     PutBase(item.path, BaseOf(uploaded, entry->id));
+    ctx_.index->RemoveSending(item.path);
   });
   ++outcome_.uploads;
   SetStatus(item.path, kStatusSynced, kProgressSteps);

@@ -102,6 +102,10 @@ class YReconciler {
   // Turns the journalled downloads whose rename happened into bases and
   // drops the rest (a crash between the rename and the base).
   void SettleLandings();
+  // Turns the journalled uploads whose cloud file is in `remote` into bases
+  // (a crash between the cloud's create and the base); the others wait, as
+  // the change feed may not have brought their file yet.
+  void SettleSendings(const std::map<Qel::YString, RemoteItemPtr>& remote);
   void Execute(Item& item);
   void Upload(const Item& item);
   void Download(const Item& item);

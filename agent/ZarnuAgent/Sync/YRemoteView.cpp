@@ -40,6 +40,11 @@ bool YRemoteView::IsComplete() const {
   return !cursor_.empty() && !staging_;
 }
 
+bool YRemoteView::HasCaughtUp() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return caught_up_;
+}
+
 bool YRemoteView::HasCursor() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return !cursor_.empty();
@@ -153,6 +158,7 @@ bool YRemoteView::ApplyLocked(const std::vector<CloudSync::MetadataPtr>& changes
     index_.SetMeta(kMetaCursor, cursor);
   }
   cursor_ = cursor;
+  caught_up_ = caught_up_ || !more;
   std::erase_if(own_writes_, [startEpoch](const auto& kv) { return kv.second.epoch <= startEpoch; });
   return changed;
 }

@@ -45,6 +45,9 @@ class YRemoteView {
   // True once a whole tree has been read (and no reset is being gathered):
   // only then may the engine take an absent path for "not in the cloud".
   bool IsComplete() const;
+  // True once an answer asked for after Load has been applied to its last
+  // page: whatever the cloud held when this agent started is in the view.
+  bool HasCaughtUp() const;
 
   // The epoch a feed request starts in.
   uint64_t BeginPoll() const;
@@ -84,6 +87,7 @@ class YRemoteView {
   std::map<Qel::YString, RemoteItemPtr> items_;
   std::map<Qel::YString, RemoteItemPtr> staged_;  // a reset being gathered
   bool staging_ = false;
+  bool caught_up_ = false;
   Qel::YString cursor_;
   uint64_t epoch_ = 0;
   std::map<Qel::YString, OwnWrite> own_writes_;

@@ -1,5 +1,6 @@
 #include "Sync/YSyncIndex.h"
 
+#include <random>
 #include <sstream>
 
 namespace Agent::Sync {
@@ -24,6 +25,13 @@ CREATE TABLE IF NOT EXISTS remote(
   size INTEGER NOT NULL,
   modified INTEGER NOT NULL,
   parts TEXT NOT NULL) WITHOUT ROWID;
+CREATE TABLE IF NOT EXISTS sending(
+  path TEXT PRIMARY KEY,
+  size INTEGER NOT NULL,
+  mtime_ns INTEGER NOT NULL,
+  inode INTEGER NOT NULL,
+  parts TEXT NOT NULL,
+  run INTEGER NOT NULL) WITHOUT ROWID;
 CREATE TABLE IF NOT EXISTS meta(
   name TEXT PRIMARY KEY,
   value TEXT NOT NULL) WITHOUT ROWID;
@@ -71,6 +79,7 @@ void YSyncIndex::Open() {
   db_.OpenForWrite();
   db_.Execute("PRAGMA synchronous=FULL;");
   db_.Execute(Schema());
+  run_ = std::random_device{}() | static_cast<uint64_t>(std::random_device{}()) << 32;
 }
 
 std::map<Qel::YString, BaseItem> YSyncIndex::LoadBase() { return LoadItems("base"); }
@@ -89,6 +98,22 @@ std::map<Qel::YString, BaseItem> YSyncIndex::LoadItems(const char* table) {
     item.inode = static_cast<uint64_t>(st.GetInt64(4));
     item.cloudId = static_cast<uint64_t>(st.GetInt64(5));
     items.emplace(st.GetText(0), item);
+  }
+  return items;
+}
+
+std::map<Qel::YString, SendingItem> YSyncIndex::LoadSendings() {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  std::map<Qel::YString, SendingItem> items;
+  auto st = db_.Prepare("SELECT path, size, mtime_ns, inode, parts, run FROM sending");
+  while (st.Step()) {
+    SendingItem item;
+    item.local.size = static_cast<uint64_t>(st.GetInt64(1));
+    item.local.mtimeNs = st.GetInt64(2);
+    item.local.inode = static_cast<uint64_t>(st.GetInt64(3));
+    item.parts = DecodeParts(st.GetText(4));
+    item.run = static_cast<uint64_t>(st.GetInt64(5));
+    items.emplace(st.GetText(0), std::move(item));
   }
   return items;
 }
@@ -157,6 +182,23 @@ void YSyncIndex::RemoveBase(const Qel::YString& path) {
   Write("DELETE FROM base WHERE path = ?1", [&](Qel::SQLite::YStatement& st) { st.Bind(1, path); });
 }
 
+void YSyncIndex::PutSending(const Qel::YString& path, SendingItem item) {
+  item.run = run_;
+  Write("INSERT OR REPLACE INTO sending(path, size, mtime_ns, inode, parts, run) VALUES(?1, ?2, ?3, ?4, ?5, ?6)",
+        [&](Qel::SQLite::YStatement& st) {
+          st.Bind(1, path)
+              .Bind(2, static_cast<int64_t>(item.local.size))
+              .Bind(3, item.local.mtimeNs)
+              .Bind(4, static_cast<int64_t>(item.local.inode))
+              .Bind(5, EncodeParts(item.parts))
+              .Bind(6, static_cast<int64_t>(item.run));
+        });
+}
+
+void YSyncIndex::RemoveSending(const Qel::YString& path) {
+  Write("DELETE FROM sending WHERE path = ?1", [&](Qel::SQLite::YStatement& st) { st.Bind(1, path); });
+}
+
 void YSyncIndex::PutRemote(const Qel::YString& path, const RemoteItem& item) {
   Write("INSERT OR REPLACE INTO remote(path, id, folder, size, modified, parts) VALUES(?1, ?2, ?3, ?4, ?5, ?6)",
         [&](Qel::SQLite::YStatement& st) {
@@ -184,7 +226,7 @@ void YSyncIndex::ClearRemote() {
 
 void YSyncIndex::ClearAll() {
   RunInTransaction([this] {
-    db_.Execute("DELETE FROM base; DELETE FROM landing; DELETE FROM remote; DELETE FROM meta;");
+    db_.Execute("DELETE FROM base; DELETE FROM landing; DELETE FROM sending; DELETE FROM remote; DELETE FROM meta;");
   });
 }
 

@@ -138,16 +138,10 @@ class PartWriter {
   }
 
   static bool WriteAll(int fd, const unsigned char *bytes, size_t size, uint64_t offset) {
-    size_t done = 0;
-    while (done < size) {
-      const ssize_t n = ::pwrite(fd, bytes + done, size - done, static_cast<off_t>(offset + done));
-      if (n < 0 && errno == EINTR) continue;
-      if (n < 0) return false;
-      done += static_cast<size_t>(n);
-    }
-    return true;
+    return WriteAllV(fd, {{const_cast<unsigned char *>(bytes), size}}, offset);
   }
 
+  // Writes all of `pieces` from `offset`, going on after short writes.
   static bool WriteAllV(int fd, std::vector<iovec> pieces, uint64_t offset) {
     size_t first = 0;
     while (first < pieces.size()) {

@@ -157,8 +157,10 @@ void YReconciler::SettleSendings(const std::map<Qel::YString, RemoteItemPtr>& re
   for (const auto& [path, sent] : ctx_.index->LoadSendings()) {
     const auto r = remote.find(path);
     if (r != remote.end() && IsCloudCopyOf(*r->second, sent)) {
+      BaseItem base = sent.local;
+      base.cloudId = r->second->id;
       ctx_.index->RunInTransaction([&] {
-        PutBase(path, BaseOf(LocalItem{false, sent.local.size, sent.local.mtimeNs, sent.local.inode}, r->second->id));
+        PutBase(path, base);
         ctx_.index->RemoveSending(path);
       });
     } else if (caughtUp && sent.run != ctx_.index->Run()) {

@@ -42,33 +42,39 @@ void YAgentState::PutOption(const Qel::YString& name, const Qel::YString& value)
   db_->PutOption(name, value);
 }
 
+void YAgentState::LoadLinkLocked() {
+  Qel::YString user = db_->GetAuthUser();
+  Qel::YString token = db_->GetAuthToken();
+  Qel::YString root = WithoutTrailingSlash(db_->GetRootFolder());
+  std::lock_guard<std::mutex> lock(link_mutex_);
+  user_ = std::move(user);
+  token_ = std::move(token);
+  root_ = std::move(root);
+}
+
 void YAgentState::Reload() {
   std::lock_guard<std::mutex> lock(mutex_);
-  user_ = db_->GetAuthUser();
-  token_ = db_->GetAuthToken();
-  root_ = WithoutTrailingSlash(db_->GetRootFolder());
+  LoadLinkLocked();
   settings_.Load(*db_);
 }
 
 void YAgentState::ReloadLink() {
   std::lock_guard<std::mutex> lock(mutex_);
-  user_ = db_->GetAuthUser();
-  token_ = db_->GetAuthToken();
-  root_ = WithoutTrailingSlash(db_->GetRootFolder());
+  LoadLinkLocked();
 }
 
 Qel::YString YAgentState::GetRootFolder() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard<std::mutex> lock(link_mutex_);
   return root_;
 }
 
 Qel::YString YAgentState::GetUser() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard<std::mutex> lock(link_mutex_);
   return user_;
 }
 
 Qel::YString YAgentState::GetToken() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard<std::mutex> lock(link_mutex_);
   return token_;
 }
 

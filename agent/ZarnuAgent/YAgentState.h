@@ -3,8 +3,10 @@
 // settings, the path statuses, the enabled log types and its counters.
 //
 // config.db is reached through one YConfigDb guarded by the state's mutex
-// (the database object serves one thread at a time). Thread-safety: every
-// operation may be called from any thread.
+// (the database object serves one thread at a time). The link texts have a
+// lock of their own, so a reader of them (a peer's question, a request)
+// never waits on the database. Thread-safety: every operation may be called
+// from any thread.
 #pragma once
 
 #include <atomic>
@@ -67,8 +69,12 @@ class YAgentState {
  private:
   Qel::YString data_folder_;
   std::chrono::steady_clock::time_point started_;
-  mutable std::mutex mutex_;  // guards db_ and the link texts
+  // Loads user, token and root folder from db_. REQUIRES: mutex_ held.
+  void LoadLinkLocked();
+
+  mutable std::mutex mutex_;  // guards db_; taken before link_mutex_ when both are
   std::unique_ptr<CloudSync::YConfigDb> db_;
+  mutable std::mutex link_mutex_;  // guards the three link texts
   Qel::YString user_;
   Qel::YString token_;
   Qel::YString root_;

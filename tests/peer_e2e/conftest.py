@@ -25,6 +25,7 @@ DISCOVERY_ON = {"ZARNU_PEER_DISCOVERY": "on"}
 BANNER = "Scanning for zarnu clients... (press any key to stop)"
 UPDATE = "Peer list updated: "
 ADDRESS = {"a": "10.77.0.1", "b": "10.77.0.2"}
+STARTUP = 30.0  # seconds a program may take to start on a loaded machine
 
 
 def ip(*args, check=True):
@@ -93,6 +94,7 @@ class PeerScan:
                                      env=env_for(tmp_path, "scan"), stdin=stdin, stdout=stdout,
                                      stderr=subprocess.PIPE, text=True)
         self.lines = []
+        self.scanning = threading.Event()  # set once the banner is out: the first question follows it
         self.updates = queue.Queue()
         self.reader = threading.Thread(target=self._read, daemon=True)
         self.reader.start()
@@ -102,7 +104,9 @@ class PeerScan:
         for raw in self.proc.stdout:
             line = raw.rstrip("\n")
             self.lines.append(line)
-            if line == UPDATE:
+            if line == BANNER:
+                self.scanning.set()
+            elif line == UPDATE:
                 current = []
             elif current is not None and line == "":
                 self.updates.put((time.monotonic() - self.started, current))
@@ -112,7 +116,10 @@ class PeerScan:
                 current.append(line[2:])
 
     def wait_for(self, check, timeout, what):
-        """The first update whose peer lines satisfy `check`, within `timeout` seconds."""
+        """The first update whose peer lines satisfy `check`, within `timeout` seconds of the
+        call or of the scan's banner, whichever is later: starting the program on a busy
+        machine is not the discovery's time."""
+        assert self.scanning.wait(STARTUP), f"no banner within {STARTUP} s: {self.lines}"
         deadline = time.monotonic() + timeout
         seen = []
         while True:

@@ -102,8 +102,11 @@ def local_tree(root):
             folders.add(os.path.normpath(os.path.join(rel, d)))
         for f in filenames:
             path = os.path.normpath(os.path.join(rel, f))
-            with open(os.path.join(dirpath, f), "rb") as fh:
-                files[path] = fh.read()
+            try:
+                with open(os.path.join(dirpath, f), "rb") as fh:
+                    files[path] = fh.read()
+            except FileNotFoundError:
+                pass  # an agent's download renamed into place while we walked: the next look sees it
     return files, folders
 
 

@@ -4,9 +4,10 @@ repository), on the same random file, in one run.
 
 Each run starts from nothing: a new zarnu-cloud data folder and account, a new rclone
 server folder, a new restic repository. Figures are medians over the runs; peak memory
-is the highest of the runs (GNU time's %M). The single-core MD5+SHA-1 rate is measured
-before and after, and the disk's own time for a get's reads and writes in every run, for
-scale.
+is the highest of the runs (GNU time's %M). CPU time is the whole machine's, so that a
+transfer's figure counts its server as well as its client. The single-core MD5+SHA-1
+rate is measured before and after, and the disk's own time for a get's reads and writes
+in every run, for scale.
 """
 import argparse
 import os
@@ -25,11 +26,23 @@ from benchlib import (MIB, add_user, get_json, hash_rate, operator_token, random
 from benchlib import timed as timed_alone  # noqa: E402
 
 
+def busy_seconds():
+    """CPU seconds this machine has spent busy (every core, user and kernel) since boot."""
+    with open("/proc/stat") as f:
+        fields = [int(x) for x in f.readline().split()[1:]]
+    idle = fields[3] + fields[4]  # idle, iowait
+    return (sum(fields[:8]) - idle) / os.sysconf("SC_CLK_TCK")
+
+
 def timed(cmd, env=None):
     """timed() once the disk has nothing left to write: no figure pays for the write-back
-    of what an earlier command left in the page cache (the page cache itself is kept)."""
+    of what an earlier command left in the page cache (the page cache itself is kept).
+    Returns (seconds, peak KiB, machine CPU seconds): the last counts both ends of a
+    transfer, the command and the server it talks to."""
     os.sync()
-    return timed_alone(cmd, env)
+    before = busy_seconds()
+    seconds, peak = timed_alone(cmd, env)
+    return seconds, peak, busy_seconds() - before
 
 
 def disk_side_by_side(src, folder):
@@ -39,6 +52,7 @@ def disk_side_by_side(src, folder):
     out = folder / "disk-write.bin"
     count = str(src.stat().st_size // MIB)
     os.sync()
+    before = busy_seconds()
     start = time.monotonic()
     procs = [subprocess.Popen(["dd", f"if={src}", "of=/dev/null", "bs=1M", "iflag=direct"],
                               stderr=subprocess.DEVNULL),
@@ -47,8 +61,9 @@ def disk_side_by_side(src, folder):
     if any([p.wait() != 0 for p in procs]):
         sys.exit("dd could not read and write past the page cache here")
     seconds = time.monotonic() - start
+    cpu = busy_seconds() - before
     out.unlink()
-    return seconds, 0
+    return seconds, 0, cpu
 
 
 def start_rclone_webdav(folder, env):
@@ -66,7 +81,8 @@ def start_rclone_webdav(folder, env):
 
 
 def one_run(args, work, src, env):
-    """Returns {figure: (seconds, peak KiB)} and the zarnu service counters of put again."""
+    """Returns {figure: (seconds, peak KiB, machine CPU seconds)} and the part bytes put
+    again sent."""
     out = {}
     run = pathlib.Path(tempfile.mkdtemp(prefix="run-", dir=work))
     try:
@@ -142,7 +158,7 @@ def main():
         figures, sent = one_run(args, work, src, env)
         runs.append(figures)
         again_sent.append(sent)
-        print(f"run {i + 1}: " + ", ".join(f"{k} {s:.2f} s" for k, (s, _) in figures.items()), flush=True)
+        print(f"run {i + 1}: " + ", ".join(f"{k} {f[0]:.2f} s" for k, f in figures.items()), flush=True)
     rate_after = hash_rate(args.helper)
     if not args.work:
         shutil.rmtree(work, ignore_errors=True)
@@ -153,9 +169,12 @@ def main():
           f"{rate / MIB:.0f} MiB/s; load average {os.getloadavg()[0]:.2f}")
     median = {k: statistics.median(r[k][0] for r in runs) for k in runs[0]}
     peak = {k: max(r[k][1] for r in runs) for k in runs[0]}
-    print(f"{'figure':<24} {'median s':>9} {'MiB/s':>8} {'peak MiB':>9}")
+    cpu = {k: statistics.median(r[k][2] for r in runs) for k in runs[0]}
+    print(f"{'figure':<24} {'median s':>9} {'MiB/s':>8} {'peak MiB':>9} {'CPU s':>6}")
     for k in runs[0]:
-        print(f"{k:<24} {median[k]:9.2f} {size / median[k] / MIB:8.1f} {peak[k] / 1024:9.1f}")
+        print(f"{k:<24} {median[k]:9.2f} {size / median[k] / MIB:8.1f} {peak[k] / 1024:9.1f} {cpu[k]:6.2f}")
+    print("(CPU s: the whole machine's busy CPU time during the command, both ends of a transfer, median;\n"
+          f" this machine has {os.cpu_count()} cores)")
 
     checks = [
         ("get / rclone down", median["zarnucmd get"] / median["rclone down"], 1.0),

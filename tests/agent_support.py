@@ -148,6 +148,14 @@ class OverlayConnection:
             rest = rest[4 + size:]
         return json.loads(body[4:4 + json_len])
 
+    def _next_frame(self):
+        """The next frame; the agent's own requests are answered and kept in `pushed`."""
+        frame = self.receive()
+        if "method" in frame:
+            self.pushed.append(frame)
+            self.send({"id": frame["id"], "result": {}})
+        return frame
+
     def request(self, method, **params):
         ident = self.next_id
         self.next_id += 1
@@ -156,13 +164,19 @@ class OverlayConnection:
             message["params"] = params
         self.send(message)
         while True:
-            frame = self.receive()
-            if "method" in frame:
-                self.pushed.append(frame)
-                self.send({"id": frame["id"], "result": {}})
-                continue
-            assert frame["id"] == ident, frame
-            return frame
+            frame = self._next_frame()
+            if "method" not in frame:
+                assert frame["id"] == ident, frame
+                return frame
+
+    def wait_push(self, method):
+        """The first request `method` the agent sent, waiting for it (the socket's time-out
+        ends the wait): the agent posts a push beside the reply that caused it, so it may
+        come before or after that reply."""
+        while not any(p["method"] == method for p in self.pushed):
+            frame = self._next_frame()
+            assert "method" in frame, f"a reply nobody waits for came before {method}: {frame}"
+        return next(p for p in self.pushed if p["method"] == method)
 
     def result(self, method, **params):
         reply = self.request(method, **params)

@@ -150,10 +150,8 @@ def test_feedback_writes_diagnostics_beside_the_newest_report(agent, data_dir):
 def test_cached_status_is_answered_by_a_push(agent):
     conn = agent.connect()
     assert conn.result("overlay_path_status_cached", file_path="/home/a/x.txt") == {}
-    # The push follows the reply; the next request's wait collects it.
-    conn.result("overlay_get_root_share")
-    assert conn.pushed and conn.pushed[0]["method"] == "ova_refresh_path"
-    assert conn.pushed[0]["params"]["paths"] == [{"path": "/home/a/x.txt", "status": 0, "progress": 0, "flags": 0}]
+    refresh = conn.wait_push("ova_refresh_path")
+    assert refresh["params"]["paths"] == [{"path": "/home/a/x.txt", "status": 0, "progress": 0, "flags": 0}]
 
 
 def test_a_client_of_another_user_is_refused(tmp_path):

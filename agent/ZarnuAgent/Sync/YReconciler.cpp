@@ -152,8 +152,11 @@ void YReconciler::SettleLandings() {
   }
 }
 
-void YReconciler::SettleSendings(const std::map<Qel::YString, RemoteItemPtr>& remote) {
-  const bool caughtUp = ctx_.view->HasCaughtUp();
+void YReconciler::SettleSendings(const std::map<Qel::YString, RemoteItemPtr>& remote,
+                                 std::optional<std::chrono::steady_clock::time_point> caughtUpAt) {
+  // A request the dead agent sent may still be running at the service when
+  // this start's first answer comes, so that answer need not show its file.
+  const bool settled = caughtUpAt && std::chrono::steady_clock::now() - *caughtUpAt >= kSendingGrace;
   for (const auto& [path, sent] : ctx_.index->LoadSendings()) {
     const auto r = remote.find(path);
     if (r != remote.end() && IsCloudCopyOf(*r->second, sent)) {
@@ -163,10 +166,10 @@ void YReconciler::SettleSendings(const std::map<Qel::YString, RemoteItemPtr>& re
         PutBase(path, base);
         ctx_.index->RemoveSending(path);
       });
-    } else if (caughtUp && sent.run != ctx_.index->Run()) {
-      // Left by an earlier start, and the view holds all the cloud had when
-      // this one began: the create never happened, or another client's
-      // version replaced it; the path is decided like any other.
+    } else if (settled && sent.run != ctx_.index->Run()) {
+      // Left by an earlier start, and the view has long held all the cloud
+      // had when this one began: the create never happened, or another
+      // client's version replaced it; the path is decided like any other.
       ctx_.index->RemoveSending(path);
     }
   }
@@ -211,12 +214,14 @@ YReconciler::Action YReconciler::Decide(const Item& item) const {
 YReconciler::Outcome YReconciler::Run(const LocalScan& scan) {
   outcome_ = Outcome();
   now_ns_ = NowNs();
+  // Read first: the snapshot then holds the answer that caught the view up.
+  const auto caughtUpAt = ctx_.view->CaughtUpAt();
   const std::map<Qel::YString, RemoteItemPtr> remote = ctx_.view->Snapshot();
 
   // Every path any side knows, in byte order: parents come before children.
   std::set<Qel::YString> paths;
   SettleLandings();
-  SettleSendings(remote);
+  SettleSendings(remote, caughtUpAt);
   for (const auto& [path, item] : scan.items) paths.insert(path);
   for (const auto& [path, item] : remote) paths.insert(path);
   for (const auto& [path, item] : *ctx_.base) paths.insert(path);

@@ -21,8 +21,10 @@
 // Thread-safety: a reconciler is used by the engine's thread only.
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <map>
+#include <optional>
 #include <set>
 #include <vector>
 
@@ -38,6 +40,10 @@ namespace Agent::Sync {
 
 inline constexpr int64_t kStableNs = 1500000000;       // a file untouched this long is complete
 inline constexpr int64_t kRetryAfterErrorNs = 30000000000;  // failed paths wait this long unless they change
+// How long the cloud may still be finishing a create that an earlier start of
+// the agent sent just before it died: its journal entry is kept that long
+// after the view has caught up.
+inline constexpr std::chrono::seconds kSendingGrace{60};
 
 // What the engine hands a pass. Nothing here is owned by the pass.
 struct SyncContext {
@@ -104,8 +110,10 @@ class YReconciler {
   void SettleLandings();
   // Turns the journalled uploads whose cloud file is in `remote` into bases
   // (a crash between the cloud's create and the base); the others wait, as
-  // the change feed may not have brought their file yet.
-  void SettleSendings(const std::map<Qel::YString, RemoteItemPtr>& remote);
+  // the change feed may not have brought their file yet. `caughtUpAt` is the
+  // view's, read before `remote` was taken.
+  void SettleSendings(const std::map<Qel::YString, RemoteItemPtr>& remote,
+                      std::optional<std::chrono::steady_clock::time_point> caughtUpAt);
   void Execute(Item& item);
   void Upload(const Item& item);
   void Download(const Item& item);

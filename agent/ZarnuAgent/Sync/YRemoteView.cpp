@@ -40,9 +40,9 @@ bool YRemoteView::IsComplete() const {
   return !cursor_.empty() && !staging_;
 }
 
-bool YRemoteView::HasCaughtUp() const {
+std::optional<std::chrono::steady_clock::time_point> YRemoteView::CaughtUpAt() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return caught_up_;
+  return caught_up_at_;
 }
 
 bool YRemoteView::HasCursor() const {
@@ -158,7 +158,7 @@ bool YRemoteView::ApplyLocked(const std::vector<CloudSync::MetadataPtr>& changes
     index_.SetMeta(kMetaCursor, cursor);
   }
   cursor_ = cursor;
-  caught_up_ = caught_up_ || !more;
+  if (!caught_up_at_ && !more) caught_up_at_ = std::chrono::steady_clock::now();
   std::erase_if(own_writes_, [startEpoch](const auto& kv) { return kv.second.epoch <= startEpoch; });
   return changed;
 }

@@ -20,8 +20,10 @@
 // Thread-safety: all operations take the view's mutex.
 #pragma once
 
+#include <chrono>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 #include "CloudSync/PartInfo.h"
@@ -45,9 +47,11 @@ class YRemoteView {
   // True once a whole tree has been read (and no reset is being gathered):
   // only then may the engine take an absent path for "not in the cloud".
   bool IsComplete() const;
-  // True once an answer asked for after Load has been applied to its last
-  // page: whatever the cloud held when this agent started is in the view.
-  bool HasCaughtUp() const;
+  // When an answer asked for after Load was first applied to its last page
+  // (from then on, whatever the cloud held when this agent started is in the
+  // view); empty until then. A snapshot taken after reading it holds that
+  // answer.
+  std::optional<std::chrono::steady_clock::time_point> CaughtUpAt() const;
 
   // The epoch a feed request starts in.
   uint64_t BeginPoll() const;
@@ -87,7 +91,7 @@ class YRemoteView {
   std::map<Qel::YString, RemoteItemPtr> items_;
   std::map<Qel::YString, RemoteItemPtr> staged_;  // a reset being gathered
   bool staging_ = false;
-  bool caught_up_ = false;
+  std::optional<std::chrono::steady_clock::time_point> caught_up_at_;
   Qel::YString cursor_;
   uint64_t epoch_ = 0;
   std::map<Qel::YString, OwnWrite> own_writes_;

@@ -171,6 +171,8 @@ void YReconciler::SettleSendings(const std::map<Qel::YString, RemoteItemPtr>& re
       // had when this one began: the create never happened, or another
       // client's version replaced it; the path is decided like any other.
       ctx_.index->RemoveSending(path);
+    } else {
+      unsettled_[path] = sent;
     }
   }
 }
@@ -401,8 +403,14 @@ void YReconciler::Upload(const Item& item) {
     entry = ctx_.api->CreateFileIf(ToCloudPath(item.path), parts, ModifiedSeconds(sending.local.mtimeNs), ifVersion);
   } catch (const Qel::Exception::YError& e) {
     // The service answered no: the cloud has no such file. Without an answer
-    // it may have, and the journal stays for the next pass to settle.
-    if (!IsCloudDown(e)) ctx_.index->RemoveSending(item.path);
+    // it may have, and the journal stays for the next pass to settle. A "no"
+    // because the path holds a file this pass did not see may mean an earlier
+    // upload's create did land: its entry goes back for the next pass.
+    if (!IsCloudDown(e)) {
+      const auto earlier = unsettled_.find(item.path);
+      if (earlier != unsettled_.end()) ctx_.index->RestoreSending(item.path, earlier->second);
+      else ctx_.index->RemoveSending(item.path);
+    }
     throw;
   }
   auto remote = std::make_shared<RemoteItem>();

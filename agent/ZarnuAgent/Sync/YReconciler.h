@@ -136,6 +136,9 @@ class YReconciler {
 
   SyncContext& ctx_;
   std::map<Qel::YString, PathError>& errors_;
+  // Journalled uploads of earlier passes whose cloud file this pass has not
+  // seen (yet): the create may still land.
+  std::map<Qel::YString, SendingItem> unsettled_;
   Outcome outcome_;
   int64_t now_ns_ = 0;
 };

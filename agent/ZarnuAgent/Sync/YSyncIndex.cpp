@@ -184,6 +184,10 @@ void YSyncIndex::RemoveBase(const Qel::YString& path) {
 
 void YSyncIndex::PutSending(const Qel::YString& path, SendingItem item) {
   item.run = run_;
+  RestoreSending(path, item);
+}
+
+void YSyncIndex::RestoreSending(const Qel::YString& path, const SendingItem& item) {
   Write("INSERT OR REPLACE INTO sending(path, size, mtime_ns, inode, parts, run) VALUES(?1, ?2, ?3, ?4, ?5, ?6)",
         [&](Qel::SQLite::YStatement& st) {
           st.Bind(1, path)

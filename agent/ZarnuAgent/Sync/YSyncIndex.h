@@ -64,6 +64,8 @@ class YSyncIndex {
   void RemoveLanding(const Qel::YString& path);
   // Stamps the item with Run().
   void PutSending(const Qel::YString& path, SendingItem item);
+  // Puts back an entry as LoadSendings gave it, with its own run.
+  void RestoreSending(const Qel::YString& path, const SendingItem& item);
   void RemoveSending(const Qel::YString& path);
   void PutRemote(const Qel::YString& path, const RemoteItem& item);
   void RemoveRemote(const Qel::YString& path);

@@ -14,6 +14,20 @@ from small_disk import small_tmpfs
 ROUNDS = int(os.environ.get("ZARNU_CRASH_ROUNDS", "100"))
 
 
+def cut_off_after_create(agent, path, unseen=False):
+    """Leaves the stopped agent's sync.db as a crash between the cloud's create of `path`
+    and its base does: only the sending journal knows the upload. `unseen`: the agent's
+    view of the cloud has not got the file either."""
+    db = sqlite3.connect(agent.data / "sync.db")
+    with db:
+        db.execute("INSERT INTO sending SELECT path, b.size, mtime_ns, inode, parts, 0 "
+                   "FROM base b JOIN remote USING (path) WHERE path = ?", (path,))
+        db.execute("DELETE FROM base WHERE path = ?", (path,))
+        if unseen:
+            db.execute("DELETE FROM remote WHERE path = ?", (path,))
+    db.close()
+
+
 def test_a_download_cut_off_after_its_rename_is_not_taken_for_a_new_file(make_agent, client):
     # The state a crash leaves between a download's rename and its base: the file is
     # in place and only the landing journal knows it came from the cloud.
@@ -41,12 +55,7 @@ def test_an_upload_cut_off_after_the_clouds_create_is_not_brought_back(make_agen
     write(agent.root / "went-up.txt", b"from here")
     eventually(lambda: cloud_tree(client) == {"went-up.txt": b"from here"})
     assert agent.stop() == 0
-    db = sqlite3.connect(agent.data / "sync.db")
-    with db:
-        db.execute("INSERT INTO sending SELECT path, b.size, mtime_ns, inode, parts, 0 "
-                   "FROM base b JOIN remote USING (path) WHERE path = 'went-up.txt'")
-        db.execute("DELETE FROM base WHERE path = 'went-up.txt'")
-    db.close()
+    cut_off_after_create(agent, "went-up.txt")
     (agent.root / "went-up.txt").unlink()
 
     agent.start()
@@ -63,13 +72,7 @@ def test_an_upload_whose_create_lands_after_the_restart_is_not_brought_back(make
     eventually(lambda: cloud_tree(client) == {"late.txt": data})
     modified = (agent.root / "late.txt").stat().st_mtime_ns // 10**9
     assert agent.stop() == 0
-    db = sqlite3.connect(agent.data / "sync.db")
-    with db:
-        db.execute("INSERT INTO sending SELECT path, b.size, mtime_ns, inode, parts, 0 "
-                   "FROM base b JOIN remote USING (path) WHERE path = 'late.txt'")
-        db.execute("DELETE FROM base WHERE path = 'late.txt'")
-        db.execute("DELETE FROM remote WHERE path = 'late.txt'")
-    db.close()
+    cut_off_after_create(agent, "late.txt", unseen=True)
     client.call("delete", {"path": "/late.txt"})  # not created yet, as far as anyone can see
     (agent.root / "late.txt").unlink()
 
